@@ -1,0 +1,157 @@
+#include "main/dputl.h"
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "ctrl/dp_trace.h"
+
+namespace {
+
+dputl_time_source time_source = nullptr;
+uint16_t transaction_id = 0;
+acb* action_head = nullptr;
+acb* action_tail = nullptr;
+
+bool is_never_prefixed(const char* path) {
+    return std::strncmp(path, "/proc/", 6) == 0 || std::strncmp(path, "/dev/", 5) == 0;
+}
+
+bool action_in_list(const acb* action) {
+    for (const acb* a = action_head; a != nullptr; a = a->next) {
+        if (a == action) return true;
+    }
+    return false;
+}
+
+uint32_t monotonic_seconds() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint32_t>(ts.tv_sec);
+}
+
+int read_if_ipv4(const char* ifname, unsigned long request, uint32_t* out) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) return -1;
+    struct ifreq ifr;
+    std::memset(&ifr, 0, sizeof ifr);
+    std::snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "%.15s", ifname);
+    ifr.ifr_addr.sa_family = AF_INET;
+    const int ret = ioctl(fd, request, &ifr);
+    close(fd);
+    if (ret < 0) {
+        *out = 0;
+        return ret;
+    }
+    struct sockaddr_in sin;
+    std::memcpy(&sin, &ifr.ifr_addr, sizeof sin);
+    *out = sin.sin_addr.s_addr;
+    return 0;
+}
+
+} // namespace
+
+dputl_path dputl_fixed_path(const char* path) {
+    dputl_path p{};
+    const char* root = std::getenv("DNSPROXY_ROOT");
+    if (root == nullptr || is_never_prefixed(path)) root = "";
+    const int n = std::snprintf(p.s, sizeof p.s, "%s%s", root, path);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof p.s) p.s[0] = '\0';
+    return p;
+}
+
+uint32_t dputl_get_current_time() { return time_source != nullptr ? time_source() : monotonic_seconds(); }
+
+void dputl_set_time_source(dputl_time_source source) { time_source = source; }
+
+uint16_t dputl_get_next_transaction_id() {
+    transaction_id = static_cast<uint16_t>(transaction_id + (transaction_id == 0xFFFF ? 2 : 1));
+    return transaction_id;
+}
+
+void dputl_set_transaction_id(uint16_t value) { transaction_id = value; }
+
+acb* dputl_action_list_head() { return action_head; }
+
+int dputl_start_action(acb* action, void* parm) {
+    if (action == nullptr) return -1;
+    DPUTIL_TRACE(DP_DETAIL, "listhead=%p tail=%p acb=%p next=%p prev=%p parm=%p\n",
+                 static_cast<void*>(action_head), static_cast<void*>(action_tail),
+                 static_cast<void*>(action), static_cast<void*>(action->next),
+                 static_cast<void*>(action->prev), parm);
+    action->parm = parm;
+    if (!action_in_list(action)) {
+        action->prev = action_tail;
+        action->next = nullptr;
+        if (action_tail != nullptr) action_tail->next = action;
+        action_tail = action;
+        if (action_head == nullptr) action_head = action;
+    }
+    if (action->start_cb != nullptr) action->start_cb(parm, action_head);
+    action->nextExpiryTime = dputl_get_current_time() + action->period;
+    action->triedTimes = 1;
+    return 2;
+}
+
+int dputl_stop_action(acb* action) {
+    if (action == nullptr) return -1;
+    if (!action_in_list(action)) return -2;
+    DPUTIL_TRACE(DP_DETAIL, "listhead=%p tail=%p acb=%p next=%p prev=%p\n",
+                 static_cast<void*>(action_head), static_cast<void*>(action_tail),
+                 static_cast<void*>(action), static_cast<void*>(action->next),
+                 static_cast<void*>(action->prev));
+    if (action->prev != nullptr) action->prev->next = action->next;
+    if (action->next != nullptr) action->next->prev = action->prev;
+    if (action_head == action) action_head = action->next;
+    if (action_tail == action) action_tail = action->prev;
+    return 1;
+}
+
+void dputl_scan_action_list() {
+    const uint32_t now = dputl_get_current_time();
+    // From the tail, taking prev first, so that an action may stop itself.
+    for (acb* a = action_tail; a != nullptr;) {
+        acb* const prev = a->prev;
+        DPUTIL_TRACE(DP_PERIOD, "acb=%p maxTimes=%d triedTimes=%d nextExpiryTime=%lu curr_time=%lu\n",
+                     static_cast<void*>(a), a->maxTimes, a->triedTimes,
+                     static_cast<unsigned long>(a->nextExpiryTime), static_cast<unsigned long>(now));
+        if (dputl_time_due(a->nextExpiryTime, now)) {
+            if (a->maxTimes != 0 && a->maxTimes <= a->triedTimes) {
+                if (a->final_cb != nullptr) a->final_cb(a->parm);
+                a->triedTimes = 0;
+                dputl_stop_action(a);
+            } else {
+                if (a->periodic_cb != nullptr) a->periodic_cb(a->parm);
+                a->triedTimes += 1;
+                a->nextExpiryTime = now + a->period;
+            }
+        }
+        a = prev;
+    }
+}
+
+int dputl_get_if_ipv4_addr(const char* ifname, uint32_t* out) { return read_if_ipv4(ifname, SIOCGIFADDR, out); }
+
+int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out) {
+    return read_if_ipv4(ifname, SIOCGIFNETMASK, out);
+}
+
+int dputl_split_line(char* line, const char* delims, int n, char** fields) {
+    line[std::strcspn(line, "\r\n")] = '\0';
+    char* save = nullptr;
+    char* cursor = line;
+    for (int i = 0; i < n; ++i) {
+        fields[i] = strtok_r(cursor, delims, &save);
+        cursor = nullptr;
+        if (fields[i] == nullptr) return -1;
+        if (fields[i][0] == '\0') return -2;
+    }
+    return 1;
+}

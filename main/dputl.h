@@ -1,0 +1,77 @@
+// Utilities of the proxy core: the action timer list, the process clock, transaction ids,
+// interface address readers, the line splitter and the fixed-path helper.
+#pragma once
+
+#include <cstdint>
+
+// ---- fixed paths -------------------------------------------------------------------------
+
+// A fixed path (/etc/..., /configs/..., /var/...) as the daemon opens it: prefixed with the
+// environment variable DNSPROXY_ROOT, which is empty on a gateway and points tests at a private
+// tree. /proc and /dev are never prefixed. A path that would not fit is left empty, so that
+// opening it fails instead of opening a truncated name.
+struct dputl_path {
+    char s[512];
+};
+dputl_path dputl_fixed_path(const char* path);
+
+// ---- clock -------------------------------------------------------------------------------
+
+// Whole seconds of the monotonic clock: the one time source for every expiry in the daemon.
+uint32_t dputl_get_current_time();
+
+// Tests drive the clock: a non-null source replaces the monotonic clock, null restores it.
+using dputl_time_source = uint32_t (*)();
+void dputl_set_time_source(dputl_time_source source);
+
+// True when time t is due at now: their signed 32-bit difference is below 1.
+inline bool dputl_time_due(uint32_t t, uint32_t now) { return static_cast<int32_t>(t - now) < 1; }
+
+// ---- transaction ids ---------------------------------------------------------------------
+
+// Next 16-bit id towards the servers: incremented before use, never 0; the first is 1.
+uint16_t dputl_get_next_transaction_id();
+// Sets the counter (tests of the wrap-around).
+void dputl_set_transaction_id(uint16_t value);
+
+// ---- action timer list -------------------------------------------------------------------
+
+struct acb;
+using dputl_start_cb = void (*)(void* parm, acb* listhead);
+using dputl_action_cb = void (*)(void* parm);
+
+// One periodic action. Owned by its user (usually a static object); the list only links it.
+struct acb {
+    acb* prev;
+    acb* next;
+    int32_t maxTimes; // tries after which the action ends; 0 = never
+    uint32_t period;  // seconds between tries
+    void* parm;
+    dputl_start_cb start_cb;
+    dputl_action_cb periodic_cb;
+    dputl_action_cb final_cb;
+    int32_t triedTimes;
+    uint32_t nextExpiryTime;
+};
+
+// -1 for a null acb, otherwise 2. An acb already in the list is restarted in place.
+int dputl_start_action(acb* action, void* parm);
+// -1 for a null acb, -2 when it is not in the list, 1 when removed.
+int dputl_stop_action(acb* action);
+// Runs every due action once; called by every effective tick.
+void dputl_scan_action_list();
+// Head of the list (null when empty), for tests and dumps.
+acb* dputl_action_list_head();
+
+// ---- interface readers -------------------------------------------------------------------
+
+// IPv4 address / netmask of an interface in network order. 0 on success; -1 when no socket can
+// be opened; the ioctl's -1 (with *out set to 0) when the interface has none.
+int dputl_get_if_ipv4_addr(const char* ifname, uint32_t* out);
+int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out);
+
+// ---- line splitter -----------------------------------------------------------------------
+
+// Cuts the line at the first CR or LF and splits it in place on delims into exactly n fields;
+// extra tokens are ignored. 1 on success, -1 with fewer than n tokens, -2 when a field is empty.
+int dputl_split_line(char* line, const char* delims, int n, char** fields);

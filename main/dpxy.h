@@ -1,0 +1,61 @@
+// Proxy core start-up: command line, signals, PID file, exit hook, the client interface's
+// addresses, the once-a-second tick and the information dump.
+#pragma once
+
+#include <cstdint>
+
+// Which options were given.
+enum dpxy_opt_flag : uint8_t {
+    DPXY_OPT_GLOBAL_DNS = 0x01,    // -g
+    DPXY_OPT_STATUS_DETECT = 0x02, // -q
+    DPXY_OPT_PRINT_CONFIG = 0x04,  // -P
+    DPXY_OPT_CONFIG_FILE = 0x08,   // -c
+    DPXY_OPT_VERBOSITY = 0x10,     // -v
+    DPXY_OPT_FEATURE_MASK = 0x20,  // -f
+    DPXY_OPT_DOMAIN = 0x40,        // -D
+    DPXY_OPT_POLICY = 0x80,        // -p
+};
+
+struct dpxy_input_parms {
+    uint8_t flags;
+    char config_file[128];
+    char domain_name[128];
+    uint32_t feature_mask;
+    int32_t verbosity;
+    uint32_t policy;
+};
+
+// The LAN interface's addresses: the gateway's own, answered by the policy actions.
+struct dpxy_client_itf {
+    uint32_t v4addr;  // network order
+    uint32_t netmask; // network order
+    char v4ipstr[46];
+    char v6ipstr[46];
+};
+
+// Parses the command line (lenient: unknown options and missing arguments are skipped).
+// 0, or -1 after printing the usage text for -h.
+int dpxy_get_input_parms(int argc, char** argv, dpxy_input_parms* parms);
+
+// Applies the options in their fixed order: -v, -c, -D, -g, -p, -q, -f, -P.
+void dpxy_apply_input_parms(const dpxy_input_parms* parms);
+
+// Reads the configured client interface's IPv4 address and netmask, with defaults on failure.
+void dpxy_read_client_interface();
+const dpxy_client_itf& dpxy_get_client_itf();
+
+// Writes the PID file; 0, or -1 when it cannot be opened.
+int save_pid();
+
+// Installs handle_signal for the termination and fault signals.
+void register_signal_handler();
+void handle_signal(int signo);
+// Exit hook: closes the JSON services and prints the preexit line.
+void preexit();
+
+// The tick: registered as the 1000 ms time-out handler and as the event observer; does its work
+// at most once per monotonic second.
+int dpxy_tick();
+
+// "view misc": process, time and client interface information on standard error.
+void dpxy_dump_info();

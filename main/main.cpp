@@ -1,0 +1,51 @@
+// dnsproxy: the DNS proxy daemon of the residential gateway.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "config/dpcfg.h"
+#include "ctrl/dp_service.h"
+#include "ctrl/dp_trace.h"
+#include "io/dpio.h"
+#include "main/dpxy.h"
+#include "platform/ombus/ombus.h"
+#include "platform/rcsd/rcsd.h"
+#include "platform/rjson/rjson.h"
+
+namespace {
+constexpr const char* kServiceName = "orvik.kiv.dnsproxy";
+} // namespace
+
+int main(int argc, char** argv) {
+    // 1. start line
+    std::fprintf(stderr, "\ndnsproxy is started with pid=%d\n", static_cast<int>(getpid()));
+    // 2. trace masks and log configuration
+    dp_debug_init();
+    // 3. exit hook
+    std::atexit(preexit);
+    // 4. signals
+    register_signal_handler();
+    // 5. command line
+    dpxy_input_parms parms;
+    if (dpxy_get_input_parms(argc, argv, &parms) < 0) std::exit(1);
+
+    // 6.1 configuration defaults and the default configuration file
+    dpcfg_init();
+    // 6.2 PID file
+    save_pid();
+    // 6.3 module message channel
+    dpio_init_module_interface();
+    // 6.4 options, in their fixed order
+    dpxy_apply_input_parms(&parms);
+    // 6.5 the LAN interface's addresses
+    dpxy_read_client_interface();
+
+    // 7. bus loop registrations; the tick is both the periodic handler and the event observer
+    ombusRegisterPollingTimeOutHandler(1000, dpxy_tick, 1, 0);
+    ombusRegisterPollingEventObserver(dpxy_tick, 2, 0);
+    rcsd_init(kServiceName);
+    rjson_init(kServiceName);
+    start_kiv_dnsproxy_service();
+    std::exit(0);
+}

@@ -1,0 +1,143 @@
+#include "platform/csmsg/csmsg.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "main/dputl.h"
+
+struct csMsgChannel {
+    int fd;
+    uint32_t module_id;
+    char path[sizeof(sockaddr_un::sun_path)];
+};
+
+namespace {
+
+constexpr uint32_t kMaxMessage = 65536;
+
+bool make_dirs(const char* dir) {
+    char buf[512];
+    std::snprintf(buf, sizeof buf, "%s", dir);
+    for (char* p = buf + 1; *p != '\0'; ++p) {
+        if (*p != '/') continue;
+        *p = '\0';
+        if (mkdir(buf, 0755) != 0 && errno != EEXIST) return false;
+        *p = '/';
+    }
+    return mkdir(buf, 0755) == 0 || errno == EEXIST;
+}
+
+bool fill_addr(sockaddr_un* addr, const char* path) {
+    std::memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    const size_t len = std::strlen(path);
+    if (len == 0 || len >= sizeof addr->sun_path) return false;
+    std::memcpy(addr->sun_path, path, len + 1);
+    return true;
+}
+
+} // namespace
+
+void csMsg_module_path(uint32_t module_id, char* out, uint32_t size) {
+    char rel[64];
+    std::snprintf(rel, sizeof rel, "/var/run/csmsg/%u", module_id);
+    const dputl_path path = dputl_fixed_path(rel);
+    const size_t len = std::strlen(path.s);
+    // A path too long for a socket address is left empty so that binding or sending fails.
+    if (size == 0) return;
+    out[0] = '\0';
+    if (len < size) std::memcpy(out, path.s, len + 1);
+}
+
+int csMsg_init(uint32_t module_id, csMsgChannel** handle) {
+    if (handle == nullptr) return CSMSG_ERR_ARGUMENT;
+    auto* ch = static_cast<csMsgChannel*>(std::calloc(1, sizeof(csMsgChannel)));
+    if (ch == nullptr) return CSMSG_ERR;
+    ch->module_id = module_id;
+    csMsg_module_path(module_id, ch->path, sizeof ch->path);
+    sockaddr_un addr;
+    char dir[sizeof ch->path];
+    std::snprintf(dir, sizeof dir, "%s", ch->path);
+    if (char* slash = std::strrchr(dir, '/'); slash != nullptr) *slash = '\0';
+    ch->fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (ch->fd < 0 || !make_dirs(dir) || !fill_addr(&addr, ch->path)) {
+        if (ch->fd >= 0) close(ch->fd);
+        std::free(ch);
+        return CSMSG_ERR;
+    }
+    unlink(ch->path); // a socket left behind by an earlier run of this module
+    if (bind(ch->fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(ch->fd);
+        std::free(ch);
+        return CSMSG_ERR;
+    }
+    *handle = ch;
+    return CSMSG_OK;
+}
+
+void csMsg_cleanup(csMsgChannel** handle) {
+    if (handle == nullptr || *handle == nullptr) return;
+    close((*handle)->fd);
+    unlink((*handle)->path);
+    std::free(*handle);
+    *handle = nullptr;
+}
+
+int csMsg_getEventHandle(const csMsgChannel* handle, int* fd) {
+    if (handle == nullptr || fd == nullptr) return CSMSG_ERR_ARGUMENT;
+    *fd = handle->fd;
+    return CSMSG_OK;
+}
+
+int csMsg_send(csMsgChannel* handle, const csMsgHeader* msg) {
+    if (handle == nullptr || msg == nullptr || msg->dataLength > kMaxMessage) return CSMSG_ERR_ARGUMENT;
+    char path[sizeof(sockaddr_un::sun_path)];
+    csMsg_module_path(msg->dst, path, sizeof path);
+    sockaddr_un addr;
+    if (!fill_addr(&addr, path)) return CSMSG_ERR;
+    const size_t len = sizeof(csMsgHeader) + msg->dataLength;
+    const ssize_t n = sendto(handle->fd, msg, len, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    if (n == static_cast<ssize_t>(len)) return CSMSG_OK;
+    return (errno == ENOENT || errno == ECONNREFUSED) ? CSMSG_ERR_NOPEER : CSMSG_ERR;
+}
+
+int csMsg_receiveWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t timeout_ms) {
+    if (handle == nullptr || msg == nullptr) return CSMSG_ERR_ARGUMENT;
+    *msg = nullptr;
+    pollfd pfd{handle->fd, POLLIN, 0};
+    int n;
+    do {
+        n = poll(&pfd, 1, static_cast<int>(timeout_ms));
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) return CSMSG_ERR;
+    if (n == 0) return CSMSG_TIMEOUT;
+    const ssize_t size = recv(handle->fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    if (size < 0) return errno == EAGAIN ? CSMSG_TIMEOUT : CSMSG_ERR;
+    // Room for at least a whole header, so a short datagram reads as zeroed fields.
+    const size_t room = static_cast<size_t>(size) < sizeof(csMsgHeader) ? sizeof(csMsgHeader) : static_cast<size_t>(size);
+    auto* block = static_cast<csMsgHeader*>(cslibMem_alloc(static_cast<uint32_t>(room), 1));
+    if (block == nullptr) return CSMSG_ERR;
+    const ssize_t got = recv(handle->fd, block, room, 0);
+    if (got < 0) {
+        cslibMem_free(block);
+        return CSMSG_ERR;
+    }
+    const size_t payload = static_cast<size_t>(got) > sizeof(csMsgHeader) ? static_cast<size_t>(got) - sizeof(csMsgHeader) : 0;
+    if (block->dataLength > payload) block->dataLength = static_cast<uint32_t>(payload);
+    *msg = block;
+    return CSMSG_OK;
+}
+
+void* cslibMem_alloc(uint32_t size, uint32_t zeroed) {
+    return zeroed != 0 ? std::calloc(1, size) : std::malloc(size);
+}
+
+void cslibMem_free(void* block) { std::free(block); }
