@@ -36,6 +36,12 @@ struct dpcfg_config {
     char first_wan_ifname[128]; // set by the DNS filter's WAN-name signal; no file key
 };
 
+// Deployment settings, compiled in (listed for operators in docs/).
+// The gateway's web-GUI host name: every name containing it is answered from its local entry,
+// and an AAAA query for it with no local entry is refused.
+inline constexpr char DPCFG_WEBGUI_HOST_NAME[] = "gateway.orvik-router.lan";
+static_assert(sizeof DPCFG_WEBGUI_HOST_NAME - 1 == 24, "the web-GUI host name has 24 characters");
+
 // Feature-mask bits of the command line's -f: each set bit switches one feature on.
 enum dpcfg_feature_bit : uint32_t {
     DPCFG_FEAT_D2A = 0x001,
