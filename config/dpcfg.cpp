@@ -23,10 +23,14 @@ constexpr dpcfg_config make_defaults() {
     const char home[] = "Home";
     const char conf[] = "/etc/flipla.conf";
     const char hosts[] = "/var/hosts";
-    for (size_t i = 0; i < sizeof br0; ++i) c.client_interface_name[i] = br0[i];
-    for (size_t i = 0; i < sizeof home; ++i) c.domain_name[i] = home[i];
-    for (size_t i = 0; i < sizeof conf; ++i) c.config_file[i] = conf[i];
-    for (size_t i = 0; i < sizeof hosts; ++i) c.hosts_file[i] = hosts[i];
+    for (size_t i = 0; i < sizeof br0; ++i)
+        c.client_interface_name[i] = br0[i];
+    for (size_t i = 0; i < sizeof home; ++i)
+        c.domain_name[i] = home[i];
+    for (size_t i = 0; i < sizeof conf; ++i)
+        c.config_file[i] = conf[i];
+    for (size_t i = 0; i < sizeof hosts; ++i)
+        c.hosts_file[i] = hosts[i];
     return c;
 }
 
@@ -65,10 +69,14 @@ void parse_text(const char* value, void* field, size_t width) {
     std::snprintf(static_cast<char*>(field), width, "%s", value);
 }
 
-int validate_policy(const char* value) { return static_cast<unsigned>(std::atoi(value)) < 2 ? 0 : -1; }
+int validate_policy(const char* value) {
+    return static_cast<unsigned>(std::atoi(value)) < 2 ? 0 : -1;
+}
 
 #define DPCFG_KEY(key, field, validate, parse)                                                     \
-    key_row { #key, offsetof(dpcfg_config, field), sizeof(dpcfg_config::field), validate, parse }
+    key_row {                                                                                      \
+#key, offsetof(dpcfg_config, field), sizeof(dpcfg_config::field), validate, parse          \
+    }
 
 // Matched in this order; the order is part of the file's meaning only through first match.
 constexpr key_row kKeyTable[] = {
@@ -78,10 +86,13 @@ constexpr key_row kKeyTable[] = {
     DPCFG_KEY(EnableLocalHostsFeature, is_local_hosts_feat_enabled, nullptr, parse_bool),
     DPCFG_KEY(EnableDynCacheFeature, is_dyn_cache_feat_enabled, nullptr, parse_bool),
     DPCFG_KEY(EnableForceUrlFeature, is_force_url_feat_enabled, nullptr, parse_bool),
-    DPCFG_KEY(EnableServiceStatusDetectFeature, is_service_status_detect_feat_enabled, nullptr, parse_bool),
-    DPCFG_KEY(EnableVciExplicitForwardFeature, is_vci_explicit_forward_feat_enabled, nullptr, parse_bool),
+    DPCFG_KEY(EnableServiceStatusDetectFeature, is_service_status_detect_feat_enabled, nullptr,
+              parse_bool),
+    DPCFG_KEY(EnableVciExplicitForwardFeature, is_vci_explicit_forward_feat_enabled, nullptr,
+              parse_bool),
     DPCFG_KEY(EnableDnsFilter, is_dns_filter_enabled, nullptr, parse_bool),
-    DPCFG_KEY(EnableRejectPtrLocalIpFeature, is_reject_ptr_local_ip_feat_enabled, nullptr, parse_bool),
+    DPCFG_KEY(EnableRejectPtrLocalIpFeature, is_reject_ptr_local_ip_feat_enabled, nullptr,
+              parse_bool),
     DPCFG_KEY(GlobalDnsServerSetPolicy, global_dns_server_set_policy, validate_policy, parse_int),
     DPCFG_KEY(SystemDnsServerSetPolicy, system_dns_server_set_policy, validate_policy, parse_int),
     DPCFG_KEY(ServerSocketSrcPortStart, server_socket_src_port_start, nullptr, parse_int),
@@ -94,13 +105,16 @@ static_assert(std::size(kKeyTable) == 17);
 
 #undef DPCFG_KEY
 
-char* field_of(dpcfg_config& c, const key_row& row) { return reinterpret_cast<char*>(&c) + row.offset; }
+char* field_of(dpcfg_config& c, const key_row& row) {
+    return reinterpret_cast<char*>(&c) + row.offset;
+}
 const char* field_of(const dpcfg_config& c, const key_row& row) {
     return reinterpret_cast<const char*>(&c) + row.offset;
 }
 
 void reset_keyed_fields() {
-    for (const auto& row : kKeyTable) std::memcpy(field_of(config, row), field_of(kDefaults, row), row.width);
+    for (const auto& row : kKeyTable)
+        std::memcpy(field_of(config, row), field_of(kDefaults, row), row.width);
 }
 
 const key_row* find_key(const char* key) {
@@ -126,7 +140,9 @@ void apply_line(char* line) {
     row->parse(value, field_of(config, *row), row->width);
 }
 
-uint32_t as_switch(uint32_t on) { return on != 0 ? 1 : 0; }
+uint32_t as_switch(uint32_t on) {
+    return on != 0 ? 1 : 0;
+}
 
 // Reads the first line of a file into buf (zeroed first); false when the file is missing or
 // empty.
@@ -141,7 +157,9 @@ bool read_first_line(const char* path, char* buf, size_t size) {
 
 } // namespace
 
-const dpcfg_config& dpcfg_get() { return config; }
+const dpcfg_config& dpcfg_get() {
+    return config;
+}
 
 void dpcfg_init() {
     config = kDefaults;
@@ -155,7 +173,8 @@ void dpcfg_load_config_param_from_file(const char* path) {
     FILE* f = std::fopen(opened.s, "r");
     if (f != nullptr) {
         DPCFG_TRACE(DP_DETAIL, "load config file=%s\n", opened.s);
-        if (path != config.config_file) std::snprintf(config.config_file, sizeof config.config_file, "%s", path);
+        if (path != config.config_file)
+            std::snprintf(config.config_file, sizeof config.config_file, "%s", path);
     } else {
         opened = dputl_fixed_path(config.config_file);
         f = std::fopen(opened.s, "r");
@@ -211,9 +230,11 @@ void dpcfg_dump_config() {
         {"is_local_hosts_feat_enabled", &dpcfg_config::is_local_hosts_feat_enabled},
         {"is_dyn_cache_feat_enabled", &dpcfg_config::is_dyn_cache_feat_enabled},
         {"is_force_url_feat_enabled", &dpcfg_config::is_force_url_feat_enabled},
-        {"is_service_status_detect_feat_enabled", &dpcfg_config::is_service_status_detect_feat_enabled},
+        {"is_service_status_detect_feat_enabled",
+         &dpcfg_config::is_service_status_detect_feat_enabled},
         {"is_reject_ptr_local_ip_feat_enabled", &dpcfg_config::is_reject_ptr_local_ip_feat_enabled},
-        {"is_vci_explicit_forward_feat_enabled", &dpcfg_config::is_vci_explicit_forward_feat_enabled},
+        {"is_vci_explicit_forward_feat_enabled",
+         &dpcfg_config::is_vci_explicit_forward_feat_enabled},
         {"is_edns_enabled", &dpcfg_config::is_edns_enabled},
         {"is_dns_filter_enabled", &dpcfg_config::is_dns_filter_enabled},
         {"server_socket_src_port_start", &dpcfg_config::server_socket_src_port_start},
@@ -231,8 +252,10 @@ void dpcfg_dump_config() {
     };
     std::fprintf(stderr, "\n%s in the DNSPROXY\n", "current configuration");
     std::fputs("===========================================================\n", stderr);
-    for (const auto& n : kNumbers) std::fprintf(stderr, "%-32s = %u\n", n.label, config.*n.field);
-    for (const auto& t : kTexts) std::fprintf(stderr, "%-32s = %s\n", t.label, config.*t.field);
+    for (const auto& n : kNumbers)
+        std::fprintf(stderr, "%-32s = %u\n", n.label, config.*n.field);
+    for (const auto& t : kTexts)
+        std::fprintf(stderr, "%-32s = %s\n", t.label, config.*t.field);
 }
 
 void dpcfg_load_lock_net_stat() {
@@ -240,23 +263,60 @@ void dpcfg_load_lock_net_stat() {
     if (!read_first_line(dputl_fixed_path(kLockNetFile).s, linebuf, sizeof linebuf)) return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     dpcfg_set_lock_net(static_cast<uint32_t>(std::atoi(linebuf)));
-    if (!read_first_line(dputl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf)) return;
+    if (!read_first_line(dputl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf))
+        return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     std::snprintf(config.lock_net_whitelist, sizeof config.lock_net_whitelist, "%s", linebuf);
 }
 
-int dpcfg_set_using_global_dns_servers(uint32_t on) { config.is_using_global_dns_servers = as_switch(on); return 0; }
-int dpcfg_set_service_status_detect(uint32_t on) { config.is_service_status_detect_feat_enabled = as_switch(on); return 0; }
-int dpcfg_set_force_register(uint32_t on) { config.is_force_register_enabled = as_switch(on); return 0; }
-int dpcfg_set_lock_net(uint32_t on) { config.is_lock_net_enabled = as_switch(on); return 0; }
-int dpcfg_set_dslite(uint32_t on) { config.is_dslite_enabled = as_switch(on); return 0; }
-int dpcfg_set_redirect(uint32_t on) { config.is_redirect_enabled = as_switch(on); return 0; }
-int dpcfg_set_intercept(uint32_t on) { config.is_intercept_enabled = as_switch(on); return 0; }
-int dpcfg_set_edns(uint32_t on) { config.is_edns_enabled = as_switch(on); return 0; }
-int dpcfg_set_d2a(uint32_t on) { config.is_d2a_feat_enabled = as_switch(on); return 0; }
-int dpcfg_set_d2d(uint32_t on) { config.is_d2d_feat_enabled = as_switch(on); return 0; }
-int dpcfg_set_local_hosts(uint32_t on) { config.is_local_hosts_feat_enabled = as_switch(on); return 0; }
-int dpcfg_set_dyn_cache(uint32_t on) { config.is_dyn_cache_feat_enabled = as_switch(on); return 0; }
+int dpcfg_set_using_global_dns_servers(uint32_t on) {
+    config.is_using_global_dns_servers = as_switch(on);
+    return 0;
+}
+int dpcfg_set_service_status_detect(uint32_t on) {
+    config.is_service_status_detect_feat_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_force_register(uint32_t on) {
+    config.is_force_register_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_lock_net(uint32_t on) {
+    config.is_lock_net_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_dslite(uint32_t on) {
+    config.is_dslite_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_redirect(uint32_t on) {
+    config.is_redirect_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_intercept(uint32_t on) {
+    config.is_intercept_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_edns(uint32_t on) {
+    config.is_edns_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_d2a(uint32_t on) {
+    config.is_d2a_feat_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_d2d(uint32_t on) {
+    config.is_d2d_feat_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_local_hosts(uint32_t on) {
+    config.is_local_hosts_feat_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_dyn_cache(uint32_t on) {
+    config.is_dyn_cache_feat_enabled = as_switch(on);
+    return 0;
+}
 
 int dpcfg_set_global_dns_server_set_policy(uint32_t policy) {
     config.global_dns_server_set_policy = policy;

@@ -77,35 +77,93 @@ void dpcfg_load_lock_net_stat();
 const dpcfg_config& dpcfg_get();
 
 // ---- getters --------------------------------------------------------------------------------
-inline uint32_t dpcfg_is_using_global_dns_servers() { return dpcfg_get().is_using_global_dns_servers; }
-inline uint32_t dpcfg_global_dns_server_set_policy() { return dpcfg_get().global_dns_server_set_policy; }
-inline uint32_t dpcfg_system_dns_server_set_policy() { return dpcfg_get().system_dns_server_set_policy; }
-inline uint32_t dpcfg_is_force_register_enabled() { return dpcfg_get().is_force_register_enabled; }
-inline uint32_t dpcfg_is_lock_net_enabled() { return dpcfg_get().is_lock_net_enabled; }
-inline uint32_t dpcfg_is_dslite_enabled() { return dpcfg_get().is_dslite_enabled; }
-inline uint32_t dpcfg_is_redirect_enabled() { return dpcfg_get().is_redirect_enabled; }
-inline uint32_t dpcfg_is_renew_server_socket_enabled() { return dpcfg_get().is_renew_server_socket_enabled; }
-inline uint32_t dpcfg_is_intercept_enabled() { return dpcfg_get().is_intercept_enabled; }
-inline uint32_t dpcfg_is_d2d_feat_enabled() { return dpcfg_get().is_d2d_feat_enabled; }
-inline uint32_t dpcfg_is_d2a_feat_enabled() { return dpcfg_get().is_d2a_feat_enabled; }
-inline uint32_t dpcfg_is_local_hosts_feat_enabled() { return dpcfg_get().is_local_hosts_feat_enabled; }
-inline uint32_t dpcfg_is_dyn_cache_feat_enabled() { return dpcfg_get().is_dyn_cache_feat_enabled; }
-inline uint32_t dpcfg_is_force_url_feat_enabled() { return dpcfg_get().is_force_url_feat_enabled; }
-inline uint32_t dpcfg_is_reject_ptr_local_ip_feat_enabled() { return dpcfg_get().is_reject_ptr_local_ip_feat_enabled; }
-inline uint32_t dpcfg_is_service_status_detect_feat_enabled() { return dpcfg_get().is_service_status_detect_feat_enabled; }
-inline uint32_t dpcfg_is_vci_explicit_forward_feat_enabled() { return dpcfg_get().is_vci_explicit_forward_feat_enabled; }
-inline uint32_t dpcfg_is_edns_enabled() { return dpcfg_get().is_edns_enabled; }
-inline uint32_t dpcfg_is_name_filter_forward_enabled() { return dpcfg_get().is_name_filter_forward_enabled; }
-inline uint32_t dpcfg_is_dns_filter_enabled() { return dpcfg_get().is_dns_filter_enabled; }
-inline uint32_t dpcfg_server_socket_src_port_start() { return dpcfg_get().server_socket_src_port_start; }
-inline uint32_t dpcfg_server_socket_src_port_end() { return dpcfg_get().server_socket_src_port_end; }
-inline uint32_t dpcfg_send_mode_for_client_response() { return dpcfg_get().send_mode_for_client_response; }
-inline const char* dpcfg_client_interface_name() { return dpcfg_get().client_interface_name; }
-inline const char* dpcfg_domain_name() { return dpcfg_get().domain_name; }
-inline const char* dpcfg_config_file() { return dpcfg_get().config_file; }
-inline const char* dpcfg_hosts_file() { return dpcfg_get().hosts_file; }
-inline const char* dpcfg_lock_net_whitelist() { return dpcfg_get().lock_net_whitelist; }
-inline const char* dpcfg_first_wan_ifname() { return dpcfg_get().first_wan_ifname; }
+inline uint32_t dpcfg_is_using_global_dns_servers() {
+    return dpcfg_get().is_using_global_dns_servers;
+}
+inline uint32_t dpcfg_global_dns_server_set_policy() {
+    return dpcfg_get().global_dns_server_set_policy;
+}
+inline uint32_t dpcfg_system_dns_server_set_policy() {
+    return dpcfg_get().system_dns_server_set_policy;
+}
+inline uint32_t dpcfg_is_force_register_enabled() {
+    return dpcfg_get().is_force_register_enabled;
+}
+inline uint32_t dpcfg_is_lock_net_enabled() {
+    return dpcfg_get().is_lock_net_enabled;
+}
+inline uint32_t dpcfg_is_dslite_enabled() {
+    return dpcfg_get().is_dslite_enabled;
+}
+inline uint32_t dpcfg_is_redirect_enabled() {
+    return dpcfg_get().is_redirect_enabled;
+}
+inline uint32_t dpcfg_is_renew_server_socket_enabled() {
+    return dpcfg_get().is_renew_server_socket_enabled;
+}
+inline uint32_t dpcfg_is_intercept_enabled() {
+    return dpcfg_get().is_intercept_enabled;
+}
+inline uint32_t dpcfg_is_d2d_feat_enabled() {
+    return dpcfg_get().is_d2d_feat_enabled;
+}
+inline uint32_t dpcfg_is_d2a_feat_enabled() {
+    return dpcfg_get().is_d2a_feat_enabled;
+}
+inline uint32_t dpcfg_is_local_hosts_feat_enabled() {
+    return dpcfg_get().is_local_hosts_feat_enabled;
+}
+inline uint32_t dpcfg_is_dyn_cache_feat_enabled() {
+    return dpcfg_get().is_dyn_cache_feat_enabled;
+}
+inline uint32_t dpcfg_is_force_url_feat_enabled() {
+    return dpcfg_get().is_force_url_feat_enabled;
+}
+inline uint32_t dpcfg_is_reject_ptr_local_ip_feat_enabled() {
+    return dpcfg_get().is_reject_ptr_local_ip_feat_enabled;
+}
+inline uint32_t dpcfg_is_service_status_detect_feat_enabled() {
+    return dpcfg_get().is_service_status_detect_feat_enabled;
+}
+inline uint32_t dpcfg_is_vci_explicit_forward_feat_enabled() {
+    return dpcfg_get().is_vci_explicit_forward_feat_enabled;
+}
+inline uint32_t dpcfg_is_edns_enabled() {
+    return dpcfg_get().is_edns_enabled;
+}
+inline uint32_t dpcfg_is_name_filter_forward_enabled() {
+    return dpcfg_get().is_name_filter_forward_enabled;
+}
+inline uint32_t dpcfg_is_dns_filter_enabled() {
+    return dpcfg_get().is_dns_filter_enabled;
+}
+inline uint32_t dpcfg_server_socket_src_port_start() {
+    return dpcfg_get().server_socket_src_port_start;
+}
+inline uint32_t dpcfg_server_socket_src_port_end() {
+    return dpcfg_get().server_socket_src_port_end;
+}
+inline uint32_t dpcfg_send_mode_for_client_response() {
+    return dpcfg_get().send_mode_for_client_response;
+}
+inline const char* dpcfg_client_interface_name() {
+    return dpcfg_get().client_interface_name;
+}
+inline const char* dpcfg_domain_name() {
+    return dpcfg_get().domain_name;
+}
+inline const char* dpcfg_config_file() {
+    return dpcfg_get().config_file;
+}
+inline const char* dpcfg_hosts_file() {
+    return dpcfg_get().hosts_file;
+}
+inline const char* dpcfg_lock_net_whitelist() {
+    return dpcfg_get().lock_net_whitelist;
+}
+inline const char* dpcfg_first_wan_ifname() {
+    return dpcfg_get().first_wan_ifname;
+}
 
 // ---- setters: each stores 1 for a non-zero value and 0 otherwise, and returns 0 ------------
 int dpcfg_set_using_global_dns_servers(uint32_t on);

@@ -19,22 +19,27 @@ constexpr const char* kLogConfigFile = "/configs/kiv_dnsproxy_log_config";
 constexpr const char* kProgramWord = "dnsproxy";
 
 // Module words in index order, in fixed 10-byte slots as the views print them.
-constexpr char kModuleWords[DP_MOD_COUNT][10] = {"proxy",  "io",     "endec", "server",
-                                                 "cache",  "config", "util",  "debug"};
+constexpr char kModuleWords[DP_MOD_COUNT][10] = {"proxy", "io",     "endec", "server",
+                                                 "cache", "config", "util",  "debug"};
 
 struct level_word {
     const char* word;
     uint32_t bit;
 };
 constexpr level_word kLevelWords[] = {
-    {"error", DP_ERROR}, {"warn", DP_WARN}, {"detail", DP_DETAIL}, {"func", DP_FUNC},
-    {"pkt", DP_PKT},     {"endec", DP_ENDEC}, {"io", DP_IO},       {"period", DP_PERIOD},
+    {"error", DP_ERROR}, {"warn", DP_WARN},   {"detail", DP_DETAIL}, {"func", DP_FUNC},
+    {"pkt", DP_PKT},     {"endec", DP_ENDEC}, {"io", DP_IO},         {"period", DP_PERIOD},
 };
 
 // Masks of debug modes 1..6, stored as signed 16-bit values: sign extension is what gives
 // modes 5 and 6 all the upper bits.
 constexpr int16_t kModeMasks[7] = {
-    0x0001, 0x0000, 0x0013, 0x0017, 0x001F, static_cast<int16_t>(0xFF7F),
+    0x0001,
+    0x0000,
+    0x0013,
+    0x0017,
+    0x001F,
+    static_cast<int16_t>(0xFF7F),
     static_cast<int16_t>(0xFFFF),
 };
 
@@ -49,7 +54,8 @@ const kutl_kiv_config_entry kLogKeyTable[kLogKeys] = {
     {"log_level", &dplog_cfg.log_level},
     {"log_dest", &dplog_cfg.log_dest},
     {"debug_mode", &dplog_cfg.debug_mode},
-    {"timestamp", &dplog_cfg.timestamp},
+    // The flag itself: a loaded value is overridden by the mode applied right after it.
+    {"timestamp", reinterpret_cast<int32_t*>(&dp_debug_tbl.timestamp)},
 };
 
 constexpr const char* kEqRule = "===========================================================";
@@ -61,7 +67,9 @@ void apply_log_level(int level) {
     rgw_impl_set_customer_log_level(translated);
 }
 
-void apply_log_dest(int dest) { rgw_impl_set_log_destination(kutl_get_int_by_int(kDestPairs, 3, dest, 2)); }
+void apply_log_dest(int dest) {
+    rgw_impl_set_log_destination(kutl_get_int_by_int(kDestPairs, 3, dest, 2));
+}
 
 void apply_log_defaults() {
     dplog_cfg.debug_mode = 0;
@@ -82,7 +90,8 @@ size_t complete_format_prefix(const char* s, size_t len) {
             continue;
         }
         size_t j = i + 1;
-        while (j < len && std::strchr("#0- +'123456789.*hlLqjzt", s[j]) != nullptr) ++j;
+        while (j < len && std::strchr("#0- +'123456789.*hlLqjzt", s[j]) != nullptr)
+            ++j;
         if (j >= len) break; // the conversion is cut off: drop it
         i = j + 1;
         safe = i;
@@ -92,8 +101,8 @@ size_t complete_format_prefix(const char* s, size_t len) {
 
 } // namespace
 
-void dp_trace_build_format(char* out, size_t out_size, const char* tag, const char* func,
-                           int line, const char* fmt, const struct timeval* tv) {
+void dp_trace_build_format(char* out, size_t out_size, const char* tag, const char* func, int line,
+                           const char* fmt, const struct timeval* tv) {
     int n;
     if (tv != nullptr) {
         n = std::snprintf(out, out_size, "%s %s:%d t=%lu:%lu %s", tag, func, line,
@@ -129,7 +138,8 @@ int dp_trace(const char* tag, const char* func, int line, const char* fmt, ...) 
 void define_debug_mode(uint32_t mode) {
     const bool on = mode >= 1 && mode <= 6;
     const uint32_t mask = static_cast<uint32_t>(static_cast<int32_t>(kModeMasks[on ? mode : 0]));
-    for (auto& entry : dp_debug_tbl.modules) entry.level_mask = mask;
+    for (auto& entry : dp_debug_tbl.modules)
+        entry.level_mask = mask;
     dp_debug_tbl.timestamp = on ? 1 : 0;
 }
 
@@ -166,7 +176,8 @@ int define_debug_level(const char* module_word, const char* level_word) {
 
 void dp_debug_init() {
     // 1. every module reports errors only, no time stamps
-    for (uint32_t i = 0; i < DP_MOD_COUNT; ++i) dp_debug_tbl.modules[i] = {i, DP_ERROR};
+    for (uint32_t i = 0; i < DP_MOD_COUNT; ++i)
+        dp_debug_tbl.modules[i] = {i, DP_ERROR};
     dp_debug_tbl.timestamp = 0;
     // 2. statistics
     dp_stats = {};
@@ -252,7 +263,8 @@ int dplog_view_debug_setting() {
                      mark(DP_ENDEC), mark(DP_IO), mark(DP_PERIOD));
     }
     std::fprintf(stderr, "%s\n", kEqRule);
-    std::fprintf(stderr, "%-6s: level=%d dest=%d\n", "clilog", dplog_cfg.log_level, dplog_cfg.log_dest);
+    std::fprintf(stderr, "%-6s: level=%d dest=%d\n", "clilog", dplog_cfg.log_level,
+                 dplog_cfg.log_dest);
     std::fprintf(stderr, "%s\n", kEqRule);
     return 0;
 }

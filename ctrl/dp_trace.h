@@ -47,12 +47,12 @@ struct dp_debug_table {
 
 extern dp_debug_table dp_debug_tbl;
 
-// The persisted log configuration, kept as a key table ("/configs/kiv_dnsproxy_log_config").
+// The persisted log configuration, kept as a key table ("/configs/kiv_dnsproxy_log_config")
+// together with the debug table's time-stamp flag.
 struct dplog_config {
     int32_t log_level;  // syslog severity 0..7
     int32_t log_dest;   // 1 serial, 2 syslog, 3 telnet
     int32_t debug_mode; // 0..6
-    int32_t timestamp;
 };
 
 extern dplog_config dplog_cfg;
@@ -81,8 +81,8 @@ int dp_trace(const char* tag, const char* func, int line, const char* fmt, ...)
 // Builds the line's format (prefix plus the caller's format) into out; tv is the wall-clock time
 // used for the time stamp, or null for a line without one. The result is cut at out_size - 1
 // characters, never inside a conversion. Exposed for tests of the time stamp.
-void dp_trace_build_format(char* out, size_t out_size, const char* tag, const char* func,
-                           int line, const char* fmt, const struct timeval* tv);
+void dp_trace_build_format(char* out, size_t out_size, const char* tag, const char* func, int line,
+                           const char* fmt, const struct timeval* tv);
 
 // Start-up initialisation: masks, statistics, the gateway logging library, the log
 // configuration file. Called first thing by main.

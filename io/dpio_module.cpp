@@ -18,8 +18,11 @@ int dpio_init_module_interface() {
         return -1;
     }
     csMsg_getEventHandle(s_dp_csmsg_handle, &s_dp_csmsg_fd);
-    DPIO_TRACE(DP_DETAIL, "s_dp_csmsg_handle=%p msgFd=%d\n", static_cast<void*>(s_dp_csmsg_handle), s_dp_csmsg_fd);
+    DPIO_TRACE(DP_DETAIL, "s_dp_csmsg_handle=%p msgFd=%d\n", static_cast<void*>(s_dp_csmsg_handle),
+               s_dp_csmsg_fd);
     return 0;
 }
 
-int dpio_get_module_fd() { return s_dp_csmsg_fd; }
+int dpio_get_module_fd() {
+    return s_dp_csmsg_fd;
+}

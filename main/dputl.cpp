@@ -67,18 +67,26 @@ dputl_path dputl_fixed_path(const char* path) {
     return p;
 }
 
-uint32_t dputl_get_current_time() { return time_source != nullptr ? time_source() : monotonic_seconds(); }
+uint32_t dputl_get_current_time() {
+    return time_source != nullptr ? time_source() : monotonic_seconds();
+}
 
-void dputl_set_time_source(dputl_time_source source) { time_source = source; }
+void dputl_set_time_source(dputl_time_source source) {
+    time_source = source;
+}
 
 uint16_t dputl_get_next_transaction_id() {
     transaction_id = static_cast<uint16_t>(transaction_id + (transaction_id == 0xFFFF ? 2 : 1));
     return transaction_id;
 }
 
-void dputl_set_transaction_id(uint16_t value) { transaction_id = value; }
+void dputl_set_transaction_id(uint16_t value) {
+    transaction_id = value;
+}
 
-acb* dputl_action_list_head() { return action_head; }
+acb* dputl_action_list_head() {
+    return action_head;
+}
 
 int dputl_start_action(acb* action, void* parm) {
     if (action == nullptr) return -1;
@@ -119,9 +127,10 @@ void dputl_scan_action_list() {
     // From the tail, taking prev first, so that an action may stop itself.
     for (acb* a = action_tail; a != nullptr;) {
         acb* const prev = a->prev;
-        DPUTIL_TRACE(DP_PERIOD, "acb=%p maxTimes=%d triedTimes=%d nextExpiryTime=%lu curr_time=%lu\n",
-                     static_cast<void*>(a), a->maxTimes, a->triedTimes,
-                     static_cast<unsigned long>(a->nextExpiryTime), static_cast<unsigned long>(now));
+        DPUTIL_TRACE(
+            DP_PERIOD, "acb=%p maxTimes=%d triedTimes=%d nextExpiryTime=%lu curr_time=%lu\n",
+            static_cast<void*>(a), a->maxTimes, a->triedTimes,
+            static_cast<unsigned long>(a->nextExpiryTime), static_cast<unsigned long>(now));
         if (dputl_time_due(a->nextExpiryTime, now)) {
             if (a->maxTimes != 0 && a->maxTimes <= a->triedTimes) {
                 if (a->final_cb != nullptr) a->final_cb(a->parm);
@@ -137,7 +146,9 @@ void dputl_scan_action_list() {
     }
 }
 
-int dputl_get_if_ipv4_addr(const char* ifname, uint32_t* out) { return read_if_ipv4(ifname, SIOCGIFADDR, out); }
+int dputl_get_if_ipv4_addr(const char* ifname, uint32_t* out) {
+    return read_if_ipv4(ifname, SIOCGIFADDR, out);
+}
 
 int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out) {
     return read_if_ipv4(ifname, SIOCGIFNETMASK, out);

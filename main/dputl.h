@@ -25,7 +25,9 @@ using dputl_time_source = uint32_t (*)();
 void dputl_set_time_source(dputl_time_source source);
 
 // True when time t is due at now: their signed 32-bit difference is below 1.
-inline bool dputl_time_due(uint32_t t, uint32_t now) { return static_cast<int32_t>(t - now) < 1; }
+inline bool dputl_time_due(uint32_t t, uint32_t now) {
+    return static_cast<int32_t>(t - now) < 1;
+}
 
 // ---- transaction ids ---------------------------------------------------------------------
 

@@ -45,7 +45,9 @@ constexpr signal_row kSignals[] = {
     {SIGFPE, "error to install signal SIGFPE\n"},   {SIGSEGV, "error to install signal SIGSEGV\n"},
 };
 
-const char* or_null(const char* s) { return s != nullptr ? s : "(null)"; }
+const char* or_null(const char* s) {
+    return s != nullptr ? s : "(null)";
+}
 
 } // namespace
 
@@ -104,7 +106,8 @@ void dpxy_apply_input_parms(const dpxy_input_parms* parms) {
     if (f & DPXY_OPT_CONFIG_FILE) dpcfg_load_config_param_from_file(parms->config_file);
     if (f & DPXY_OPT_DOMAIN) dpcfg_set_domain_name(parms->domain_name);
     if (f & DPXY_OPT_GLOBAL_DNS) dpcfg_set_using_global_dns_servers(1);
-    if (f & DPXY_OPT_POLICY) dpcfg_set_global_dns_server_set_policy(parms->policy > 2 ? 0 : parms->policy);
+    if (f & DPXY_OPT_POLICY)
+        dpcfg_set_global_dns_server_set_policy(parms->policy > 2 ? 0 : parms->policy);
     if (f & DPXY_OPT_STATUS_DETECT) dpcfg_set_service_status_detect(1);
     if (f & DPXY_OPT_FEATURE_MASK) dpcfg_apply_feature_mask(parms->feature_mask);
     if (f & DPXY_OPT_PRINT_CONFIG) dpcfg_dump_config();
@@ -124,7 +127,9 @@ void dpxy_read_client_interface() {
     std::snprintf(client_itf.v6ipstr, sizeof client_itf.v6ipstr, "%s", kDefaultV6Addr);
 }
 
-const dpxy_client_itf& dpxy_get_client_itf() { return client_itf; }
+const dpxy_client_itf& dpxy_get_client_itf() {
+    return client_itf;
+}
 
 int save_pid() {
     const dputl_path path = dputl_fixed_path(kPidFile);
@@ -135,7 +140,8 @@ int save_pid() {
     }
     std::fprintf(f, "%d", static_cast<int>(getpid()));
     std::fclose(f);
-    DPMAIN_TRACE(DP_DETAIL, "dnsproxy pid(%d) is saved to %s\n", static_cast<int>(getpid()), path.s);
+    DPMAIN_TRACE(DP_DETAIL, "dnsproxy pid(%d) is saved to %s\n", static_cast<int>(getpid()),
+                 path.s);
     return 0;
 }
 

@@ -98,13 +98,15 @@ int csMsg_getEventHandle(const csMsgChannel* handle, int* fd) {
 }
 
 int csMsg_send(csMsgChannel* handle, const csMsgHeader* msg) {
-    if (handle == nullptr || msg == nullptr || msg->dataLength > kMaxMessage) return CSMSG_ERR_ARGUMENT;
+    if (handle == nullptr || msg == nullptr || msg->dataLength > kMaxMessage)
+        return CSMSG_ERR_ARGUMENT;
     char path[sizeof(sockaddr_un::sun_path)];
     csMsg_module_path(msg->dst, path, sizeof path);
     sockaddr_un addr;
     if (!fill_addr(&addr, path)) return CSMSG_ERR;
     const size_t len = sizeof(csMsgHeader) + msg->dataLength;
-    const ssize_t n = sendto(handle->fd, msg, len, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    const ssize_t n =
+        sendto(handle->fd, msg, len, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     if (n == static_cast<ssize_t>(len)) return CSMSG_OK;
     return (errno == ENOENT || errno == ECONNREFUSED) ? CSMSG_ERR_NOPEER : CSMSG_ERR;
 }
@@ -122,7 +124,8 @@ int csMsg_receiveWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t t
     const ssize_t size = recv(handle->fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
     if (size < 0) return errno == EAGAIN ? CSMSG_TIMEOUT : CSMSG_ERR;
     // Room for at least a whole header, so a short datagram reads as zeroed fields.
-    const size_t room = static_cast<size_t>(size) < sizeof(csMsgHeader) ? sizeof(csMsgHeader) : static_cast<size_t>(size);
+    const size_t room = static_cast<size_t>(size) < sizeof(csMsgHeader) ? sizeof(csMsgHeader)
+                                                                        : static_cast<size_t>(size);
     auto* block = static_cast<csMsgHeader*>(cslibMem_alloc(static_cast<uint32_t>(room), 1));
     if (block == nullptr) return CSMSG_ERR;
     const ssize_t got = recv(handle->fd, block, room, 0);
@@ -130,7 +133,9 @@ int csMsg_receiveWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t t
         cslibMem_free(block);
         return CSMSG_ERR;
     }
-    const size_t payload = static_cast<size_t>(got) > sizeof(csMsgHeader) ? static_cast<size_t>(got) - sizeof(csMsgHeader) : 0;
+    const size_t payload = static_cast<size_t>(got) > sizeof(csMsgHeader)
+                               ? static_cast<size_t>(got) - sizeof(csMsgHeader)
+                               : 0;
     if (block->dataLength > payload) block->dataLength = static_cast<uint32_t>(payload);
     *msg = block;
     return CSMSG_OK;
@@ -140,4 +145,6 @@ void* cslibMem_alloc(uint32_t size, uint32_t zeroed) {
     return zeroed != 0 ? std::calloc(1, size) : std::malloc(size);
 }
 
-void cslibMem_free(void* block) { std::free(block); }
+void cslibMem_free(void* block) {
+    std::free(block);
+}

@@ -11,14 +11,16 @@
 
 namespace {
 
-constexpr const char* kLevelWords[] = {"emerg", "alert", "crit", "error",
+constexpr const char* kLevelWords[] = {"emerg", "alert",  "crit", "error",
                                        "warn",  "notice", "info", "debug"};
 constexpr const char* kDestWords[] = {"serial", "syslog", "telnet"};
 
 char* trim(char* s) {
-    while (*s == ' ' || *s == '\t') ++s;
+    while (*s == ' ' || *s == '\t')
+        ++s;
     char* end = s + std::strlen(s);
-    while (end > s && (end[-1] == ' ' || end[-1] == '\t' || end[-1] == '\r' || end[-1] == '\n')) --end;
+    while (end > s && (end[-1] == ' ' || end[-1] == '\t' || end[-1] == '\r' || end[-1] == '\n'))
+        --end;
     *end = '\0';
     return s;
 }
@@ -64,15 +66,19 @@ int kutl_load_kiv_config_from_file(const char* path, const kutl_kiv_config_entry
 int kutl_save_kiv_config_to_file(const kutl_kiv_config_entry* table, int n, const char* path) {
     FILE* f = std::fopen(path, "w");
     if (f == nullptr) return -1;
-    for (int i = 0; i < n; ++i) std::fprintf(f, "%s=%d\n", table[i].key, *table[i].value);
+    for (int i = 0; i < n; ++i)
+        std::fprintf(f, "%s=%d\n", table[i].key, *table[i].value);
     return std::fclose(f) == 0 ? 0 : -1;
 }
 
 void kutl_dump_kiv_config(const kutl_kiv_config_entry* table, int n) {
-    for (int i = 0; i < n; ++i) std::fprintf(stderr, "%s=%d\n", table[i].key, *table[i].value);
+    for (int i = 0; i < n; ++i)
+        std::fprintf(stderr, "%s=%d\n", table[i].key, *table[i].value);
 }
 
-int kutl_get_kiv_cli_log_level_by_str(const char* word) { return word_index(kLevelWords, word); }
+int kutl_get_kiv_cli_log_level_by_str(const char* word) {
+    return word_index(kLevelWords, word);
+}
 
 int kutl_get_kiv_cli_log_dest_by_str(const char* word) {
     const int i = word_index(kDestWords, word);

@@ -65,7 +65,9 @@ dbus_bool_t add_watch(DBusWatch* watch, void*) {
     return TRUE;
 }
 
-void remove_watch(DBusWatch* watch, void*) { std::erase(loop.watches, watch); }
+void remove_watch(DBusWatch* watch, void*) {
+    std::erase(loop.watches, watch);
+}
 
 void toggle_watch(DBusWatch*, void*) {} // enabled state is read each time the poll set is built
 
@@ -75,7 +77,8 @@ dbus_bool_t add_timeout(DBusTimeout* timeout, void*) {
 }
 
 void remove_timeout(DBusTimeout* timeout, void*) {
-    std::erase_if(loop.bus_timeouts, [timeout](const bus_timeout& t) { return t.timeout == timeout; });
+    std::erase_if(loop.bus_timeouts,
+                  [timeout](const bus_timeout& t) { return t.timeout == timeout; });
 }
 
 void toggle_timeout(DBusTimeout* timeout, void*) {
@@ -119,9 +122,10 @@ DBusConnection* connect_bus() {
     // A lost bus must not end the daemon: DNS service goes on without the control plane.
     dbus_connection_set_exit_on_disconnect(conn, FALSE);
     dbus_connection_add_filter(conn, watch_disconnect, nullptr, nullptr);
-    dbus_connection_set_watch_functions(conn, add_watch, remove_watch, toggle_watch, nullptr, nullptr);
-    dbus_connection_set_timeout_functions(conn, add_timeout, remove_timeout, toggle_timeout, nullptr,
-                                          nullptr);
+    dbus_connection_set_watch_functions(conn, add_watch, remove_watch, toggle_watch, nullptr,
+                                        nullptr);
+    dbus_connection_set_timeout_functions(conn, add_timeout, remove_timeout, toggle_timeout,
+                                          nullptr, nullptr);
     loop.conn = conn;
     return conn;
 }
@@ -147,7 +151,8 @@ unsigned watch_flags(short revents) {
 
 // Milliseconds until the earliest time-out, 0 when the bus has queued messages, -1 for none.
 int next_wait_ms(int64_t now) {
-    if (loop.conn != nullptr && dbus_connection_get_dispatch_status(loop.conn) == DBUS_DISPATCH_DATA_REMAINS) {
+    if (loop.conn != nullptr &&
+        dbus_connection_get_dispatch_status(loop.conn) == DBUS_DISPATCH_DATA_REMAINS) {
         return 0;
     }
     int64_t wait = -1;
@@ -155,7 +160,8 @@ int next_wait_ms(int64_t now) {
         const int64_t d = std::max<int64_t>(0, due - now);
         if (wait < 0 || d < wait) wait = d;
     };
-    for (const auto& t : loop.timeouts) consider(t.due_ms);
+    for (const auto& t : loop.timeouts)
+        consider(t.due_ms);
     for (const auto& t : loop.bus_timeouts) {
         if (dbus_timeout_get_enabled(t.timeout)) consider(t.due_ms);
     }
@@ -164,10 +170,12 @@ int next_wait_ms(int64_t now) {
 
 size_t build_poll_set() {
     loop.pfds.clear();
-    for (const auto& s : loop.sockets) loop.pfds.push_back({s.fd, POLLIN, 0});
+    for (const auto& s : loop.sockets)
+        loop.pfds.push_back({s.fd, POLLIN, 0});
     const size_t nsockets = loop.pfds.size();
     for (DBusWatch* w : loop.watches) {
-        if (dbus_watch_get_enabled(w)) loop.pfds.push_back({dbus_watch_get_unix_fd(w), watch_events(w), 0});
+        if (dbus_watch_get_enabled(w))
+            loop.pfds.push_back({dbus_watch_get_unix_fd(w), watch_events(w), 0});
     }
     return nsockets;
 }
@@ -223,8 +231,7 @@ void serve_timeouts() {
 
 void dispatch_bus() {
     if (loop.conn == nullptr) return;
-    while (dbus_connection_dispatch(loop.conn) == DBUS_DISPATCH_DATA_REMAINS) {
-    }
+    while (dbus_connection_dispatch(loop.conn) == DBUS_DISPATCH_DATA_REMAINS) {}
     if (loop.disconnected) {
         std::fprintf(stderr, "ombus: the bus connection was lost\n");
         syslog(LOG_ERR, "ombus: the bus connection was lost");
@@ -234,7 +241,8 @@ void dispatch_bus() {
 }
 
 void run_observers() {
-    for (size_t i = 0; i < loop.observers.size(); ++i) loop.observers[i]();
+    for (size_t i = 0; i < loop.observers.size(); ++i)
+        loop.observers[i]();
 }
 
 } // namespace
@@ -257,7 +265,8 @@ int ombusUnregisterPollingSocket(int fd) {
     return set_status(OMBUS_OK);
 }
 
-int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback callback, int, int) {
+int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback callback, int,
+                                       int) {
     if (callback == nullptr || period_ms == 0) return set_status(OMBUS_ERR_ARGUMENT);
     loop.timeouts.push_back({period_ms, callback, now_ms() + period_ms});
     return set_status(OMBUS_OK);
@@ -269,7 +278,9 @@ int ombusRegisterPollingEventObserver(ombusPollingCallback callback, int, int) {
     return set_status(OMBUS_OK);
 }
 
-DBusConnection* ombusGetConnection() { return connect_bus(); }
+DBusConnection* ombusGetConnection() {
+    return connect_bus();
+}
 
 int ombusOwnName(const char* name) {
     DBusConnection* conn = connect_bus();
@@ -282,7 +293,8 @@ int ombusOwnName(const char* name) {
         dbus_error_free(&err);
         return set_status(OMBUS_ERR_NAME);
     }
-    if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
+    if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
+        ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
         std::fprintf(stderr, "ombus: %s is owned by another connection\n", name);
         return set_status(OMBUS_ERR_NAME);
     }
@@ -304,8 +316,11 @@ int ombusMainLoop() {
     while (!loop.quit) {
         const size_t nsockets = build_poll_set();
         const int wait = next_wait_ms(now_ms());
-        struct timespec ts{wait / 1000, static_cast<long>(wait % 1000) * 1000000};
-        const int n = ppoll(loop.pfds.data(), loop.pfds.size(), wait < 0 ? nullptr : &ts, &wait_mask);
+        struct timespec ts {
+            wait / 1000, static_cast<long>(wait % 1000) * 1000000
+        };
+        const int n =
+            ppoll(loop.pfds.data(), loop.pfds.size(), wait < 0 ? nullptr : &ts, &wait_mask);
         if (n < 0 && errno != EINTR) {
             std::perror("ombus: ppoll");
             break;
@@ -323,9 +338,13 @@ int ombusMainLoop() {
     return loop.status;
 }
 
-void ombusQuitMainLoop() { loop.quit = true; }
+void ombusQuitMainLoop() {
+    loop.quit = true;
+}
 
-int ombus_get_status_value() { return loop.status; }
+int ombus_get_status_value() {
+    return loop.status;
+}
 
 void ombusLogFatalReal(const char* func, const char* fmt, ...) {
     char text[512];

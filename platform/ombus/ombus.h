@@ -46,7 +46,8 @@ void ombusQuitMainLoop();
 int ombus_get_status_value();
 
 // A fatal condition of a bus user: standard error and syslog (LOG_CRIT), prefixed with func.
-void ombusLogFatalReal(const char* func, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void ombusLogFatalReal(const char* func, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // Drops every registration and closes the connection (tests, and a clean shutdown).
 void ombusReset();

@@ -20,4 +20,6 @@ void rcsd_done() {
     registry = nullptr;
 }
 
-json_object* rcsd_registry() { return registry; }
+json_object* rcsd_registry() {
+    return registry;
+}

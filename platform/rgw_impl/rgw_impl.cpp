@@ -12,7 +12,9 @@ int log_dest = 2;
 int customer_log_level = LOG_INFO;
 bool opened = false;
 
-int clamp_level(int level) { return level < LOG_EMERG ? LOG_EMERG : (level > LOG_DEBUG ? LOG_DEBUG : level); }
+int clamp_level(int level) {
+    return level < LOG_EMERG ? LOG_EMERG : (level > LOG_DEBUG ? LOG_DEBUG : level);
+}
 
 } // namespace
 
@@ -25,7 +27,9 @@ int rgw_impl_init_log() {
 }
 
 // This build keeps no per-program store: the caller's pre-set values stand.
-int rgw_impl_get_log_setting(const char*, int*, int*) { return 0; }
+int rgw_impl_get_log_setting(const char*, int*, int*) {
+    return 0;
+}
 
 int rgw_impl_set_log_level(int level) {
     log_level = clamp_level(level);
@@ -38,16 +42,24 @@ int rgw_impl_set_log_destination(int dest) {
     return 0;
 }
 
-int rgw_impl_init_customer_log() { return rgw_impl_init_log(); }
+int rgw_impl_init_customer_log() {
+    return rgw_impl_init_log();
+}
 
 int rgw_impl_set_customer_log_level(int level) {
     customer_log_level = clamp_level(level);
     return 0;
 }
 
-int rgw_impl_get_log_level() { return log_level; }
-int rgw_impl_get_log_destination() { return log_dest; }
-int rgw_impl_get_customer_log_level() { return customer_log_level; }
+int rgw_impl_get_log_level() {
+    return log_level;
+}
+int rgw_impl_get_log_destination() {
+    return log_dest;
+}
+int rgw_impl_get_customer_log_level() {
+    return customer_log_level;
+}
 
 void rgw_impl_log(int severity, const char* fmt, ...) {
     if (severity > log_level) return;

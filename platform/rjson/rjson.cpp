@@ -21,4 +21,6 @@ void rjson_done() {
     registry = nullptr;
 }
 
-json_object* rjson_registry() { return registry; }
+json_object* rjson_registry() {
+    return registry;
+}

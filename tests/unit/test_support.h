@@ -18,7 +18,7 @@
 
 // Points standard error at a temporary file for its lifetime; text() returns what was written.
 class StderrCapture {
-public:
+  public:
     StderrCapture() {
         std::fflush(stderr);
         saved_ = dup(STDERR_FILENO);
@@ -32,7 +32,8 @@ public:
         std::rewind(file_);
         char buf[4096];
         size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0) out.append(buf, n);
+        while ((n = std::fread(buf, 1, sizeof buf, file_)) > 0)
+            out.append(buf, n);
         return out;
     }
     void restore() {
@@ -44,7 +45,7 @@ public:
         std::fclose(file_);
     }
 
-private:
+  private:
     int saved_ = -1;
     FILE* file_ = nullptr;
 };
@@ -52,7 +53,7 @@ private:
 // The monotonic clock as the tests drive it: set() and advance() move it; the destructor gives
 // the real clock back.
 class DrivenClock {
-public:
+  public:
     explicit DrivenClock(uint32_t start = 1000) {
         now() = start;
         dputl_set_time_source([] { return now(); });
@@ -62,7 +63,7 @@ public:
     void advance(uint32_t s) { now() += s; }
     uint32_t get() const { return now(); }
 
-private:
+  private:
     static uint32_t& now() {
         static uint32_t value = 0;
         return value;
@@ -71,7 +72,7 @@ private:
 
 // A fresh DNSPROXY_ROOT for the test's lifetime, with write() to put files under it.
 class TempRoot {
-public:
+  public:
     TempRoot() {
         char tmpl[] = "/tmp/dnsproxy-unit-XXXXXX";
         dir_ = mkdtemp(tmpl);
@@ -97,6 +98,6 @@ public:
     bool exists(const std::string& path) const { return std::filesystem::exists(dir_ + path); }
     const std::string& dir() const { return dir_; }
 
-private:
+  private:
     std::string dir_;
 };

@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+#include <string>
+
+#include "ctrl/dp_trace.h"
+#include "platform/rgw_impl/rgw_impl.h"
+#include "test_support.h"
+
+namespace {
+
+uint32_t mask_of(dp_module_id m) {
+    return dp_debug_tbl.modules[m].level_mask;
+}
+
+// Every module has the same mask.
+void expect_all_masks(uint32_t mask) {
+    for (uint32_t i = 0; i < DP_MOD_COUNT; ++i)
+        EXPECT_EQ(dp_debug_tbl.modules[i].level_mask, mask) << i;
+}
+
+class Trace : public ::testing::Test {
+  protected:
+    void TearDown() override { define_debug_mode(0); }
+};
+
+TEST_F(Trace, LineFormatWithoutTimeStamp) {
+    define_debug_mode(0);
+    StderrCapture err;
+    const int line = __LINE__ + 1;
+    DPCFG_TRACE(DP_ERROR, "value=%d text=%s\n", 42, "abc");
+    EXPECT_EQ(err.text(), "DPCFG  TestBody:" + std::to_string(line) + " value=42 text=abc\n");
+}
+
+TEST_F(Trace, DisabledLineEvaluatesNothing) {
+    define_debug_mode(0);
+    int evaluated = 0;
+    auto arg = [&] { return ++evaluated; };
+    StderrCapture err;
+    DPMAIN_TRACE(DP_DETAIL, "%d\n", arg());
+    DPIO_TRACE(DP_ERROR, "%d\n", arg());
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_NE(err.text().find("DPIO   TestBody:"), std::string::npos);
+}
+
+TEST_F(Trace, TimeStampIsPositionWithinTheHour) {
+    char out[512];
+    struct timeval before_hour {
+        10 * 3600 + 59 * 60 + 59, 999999
+    };
+    dp_trace_build_format(out, sizeof out, "DPMAIN", "f", 7, "x=%d\n", &before_hour);
+    EXPECT_STREQ(out, "DPMAIN f:7 t=3599:999 x=%d\n");
+    struct timeval on_hour {
+        11 * 3600, 0
+    };
+    dp_trace_build_format(out, sizeof out, "DPMAIN", "f", 7, "x=%d\n", &on_hour);
+    EXPECT_STREQ(out, "DPMAIN f:7 t=0:0 x=%d\n");
+}
+
+TEST_F(Trace, LiveTimeStampAppearsWhenTheModeSetsIt) {
+    define_debug_mode(2);
+    StderrCapture err;
+    DPSERV_TRACE(DP_WARN, "w\n");
+    EXPECT_TRUE(
+        std::regex_match(err.text(), std::regex("DPSERV TestBody:[0-9]+ t=[0-9]+:[0-9]+ w\n")))
+        << err.text();
+}
+
+TEST_F(Trace, OverlongFormatIsCutOutsideAConversion) {
+    char out[64];
+    // The cut falls inside "%lu": the partial conversion must go, so vfprintf sees no "%l".
+    const std::string fmt = std::string(38, 'a') + "%lu tail\n";
+    dp_trace_build_format(out, sizeof out, "DPMAIN", "func", 12, fmt.c_str(), nullptr);
+    EXPECT_EQ(std::string(out), "DPMAIN func:12 " + fmt); // 62 characters: fits
+    const std::string longer = std::string(46, 'a') + "%lu tail\n";
+    dp_trace_build_format(out, sizeof out, "DPMAIN", "func", 12, longer.c_str(), nullptr);
+    EXPECT_EQ(std::string(out), "DPMAIN func:12 " + std::string(46, 'a'));
+    const std::string escaped = std::string(47, 'a') + "%%x";
+    dp_trace_build_format(out, sizeof out, "DPMAIN", "func", 12, escaped.c_str(), nullptr);
+    EXPECT_EQ(std::string(out), "DPMAIN func:12 " + std::string(47, 'a'));
+}
+
+TEST_F(Trace, DebugLevelsAccumulateUntilNone) {
+    define_debug_level("io", "func");
+    define_debug_level("io", "pkt");
+    EXPECT_EQ(mask_of(DP_MOD_IO), 0x19u); // error from mode 0, func, pkt
+    define_debug_level("IO", "NONE");
+    EXPECT_EQ(mask_of(DP_MOD_IO), 0u);
+    define_debug_level("io", "func");
+    define_debug_level("io", "pkt");
+    EXPECT_EQ(mask_of(DP_MOD_IO), 0x18u);
+    define_debug_level("Util", "all");
+    EXPECT_EQ(mask_of(DP_MOD_UTIL), 0xFFFFFFFFu);
+    EXPECT_EQ(mask_of(DP_MOD_PROXY), 0x01u);
+}
+
+TEST_F(Trace, UnknownWordsAreReportedAndChangeNothing) {
+    StderrCapture err;
+    EXPECT_EQ(define_debug_level("dns", "all"), 0);
+    EXPECT_EQ(define_debug_level("cache", "verbose"), 0);
+    EXPECT_EQ(err.text(), "define_debug_level unknown module name=dns\n"
+                          "define_debug_level wrong debug level=verbose\n");
+    expect_all_masks(0x01);
+}
+
+TEST_F(Trace, DebugModes) {
+    struct {
+        uint32_t mode;
+        uint32_t mask;
+        uint32_t ts;
+    } cases[] = {
+        {0, 0x01, 0},       {1, 0x00, 1},       {2, 0x13, 1}, {3, 0x17, 1},          {4, 0x1F, 1},
+        {5, 0xFFFFFF7F, 1}, {6, 0xFFFFFFFF, 1}, {7, 0x01, 0}, {0xFFFFFFFF, 0x01, 0},
+    };
+    for (const auto& c : cases) {
+        define_debug_mode(c.mode);
+        expect_all_masks(c.mask);
+        EXPECT_EQ(dp_debug_tbl.timestamp, c.ts) << c.mode;
+    }
+}
+
+TEST_F(Trace, VerbosityEncoding) {
+    struct {
+        int v;
+        int level;
+        uint32_t mask; // 0x01 where the masks are left alone (they start at mode 0)
+    } cases[] = {
+        {0, 3, 0x01},  {1, 5, 0x01},        {2, 7, 0x01},  {8, 7, 0x01},  {9, 7, 0x00},
+        {12, 7, 0x1F}, {14, 7, 0xFFFFFFFF}, {15, 7, 0x01}, {16, 7, 0x01},
+    };
+    for (const auto& c : cases) {
+        define_debug_mode(0);
+        dplog_apply_verbosity(c.v);
+        EXPECT_EQ(dplog_cfg.log_level, c.level) << c.v;
+        EXPECT_EQ(rgw_impl_get_log_level(), c.level) << c.v;
+        EXPECT_EQ(rgw_impl_get_customer_log_level(), c.level) << c.v;
+        expect_all_masks(c.mask);
+    }
+}
+
+TEST_F(Trace, SetLogconfigDerivesTheDebugMode) {
+    dplog_set_logconfig("notice", "serial");
+    expect_all_masks(0x1F);
+    EXPECT_EQ(dp_debug_tbl.timestamp, 1u);
+    EXPECT_EQ(dplog_cfg.debug_mode, 4);
+    EXPECT_EQ(rgw_impl_get_log_level(), 5);
+    EXPECT_EQ(rgw_impl_get_log_destination(), 1);
+    dplog_set_logconfig("ERROR", "telnet");
+    expect_all_masks(0x01);
+    EXPECT_EQ(dplog_cfg.log_level, 3);
+    EXPECT_EQ(dplog_cfg.log_dest, 3);
+}
+
+TEST(LogConfigFile, ModeDecidesTimeStampsAtStartUp) {
+    TempRoot root;
+    root.write("/configs/kiv_dnsproxy_log_config",
+               "log_level=6\nlog_dest=1\ndebug_mode=0\ntimestamp=1\n");
+    dp_debug_init();
+    EXPECT_EQ(dp_debug_tbl.timestamp, 0u);
+    expect_all_masks(0x01);
+    EXPECT_EQ(rgw_impl_get_log_level(), 6);
+    EXPECT_EQ(rgw_impl_get_log_destination(), 1);
+
+    root.write("/configs/kiv_dnsproxy_log_config", "debug_mode=3\n");
+    dp_debug_init();
+    EXPECT_EQ(dp_debug_tbl.timestamp, 1u);
+    expect_all_masks(0x17);
+    EXPECT_EQ(dplog_cfg.log_level, 3); // untouched keys keep the reset values
+    define_debug_mode(0);
+}
+
+TEST(LogConfigFile, SaveDumpAndReset) {
+    TempRoot root;
+    root.write("/configs/.keep", "");
+    dp_debug_init();
+    dplog_set_logconfig("info", "syslog");
+    dplog_save_logconfig();
+    EXPECT_EQ(root.read("/configs/kiv_dnsproxy_log_config"),
+              "log_level=6\nlog_dest=2\ndebug_mode=5\ntimestamp=1\n");
+    {
+        StderrCapture err;
+        dplog_dump_logconfig();
+        EXPECT_EQ(err.text(), "\nlog_level=6\nlog_dest=2\ndebug_mode=5\ntimestamp=1\n\n");
+    }
+    dplog_reset_logconfig();
+    EXPECT_FALSE(root.exists("/configs/kiv_dnsproxy_log_config"));
+    EXPECT_EQ(dplog_cfg.log_level, 3);
+    EXPECT_EQ(dplog_cfg.log_dest, 2);
+    EXPECT_EQ(dplog_cfg.debug_mode, 0);
+    expect_all_masks(0x01);
+}
+
+TEST(LogConfigFile, GarbageFileLeavesDefaults) {
+    TempRoot root;
+    const char garbage[] = "debug_mode=six\n\x01\0debug_mode=3\nlog_level\n";
+    root.write("/configs/kiv_dnsproxy_log_config", std::string(garbage, sizeof garbage - 1));
+    dp_debug_init();
+    EXPECT_EQ(dplog_cfg.debug_mode, 0);
+    EXPECT_EQ(dplog_cfg.log_level, 3);
+    expect_all_masks(0x01);
+}
+
+TEST(DebugView, ExactText) {
+    define_debug_mode(0);
+    define_debug_level("io", "pkt");
+    define_debug_level("util", "period");
+    dplog_cfg.log_level = 3;
+    dplog_cfg.log_dest = 2;
+    StderrCapture err;
+    dplog_view_debug_setting();
+    define_debug_mode(0);
+    // Columns: error..endec six wide, io two wide, period six wide, each after one blank.
+    auto row = [](const char* module, uint32_t mask) {
+        constexpr int widths[8] = {6, 6, 6, 6, 6, 6, 2, 6};
+        std::string r = std::string(module) + std::string(6 - std::strlen(module), ' ') + ":";
+        for (int bit = 0; bit < 8; ++bit) {
+            const std::string mark = (mask >> bit) & 1 ? "xx" : " ";
+            r += " " + mark + std::string(widths[bit] - mark.size(), ' ');
+        }
+        return r + "\n";
+    };
+    const std::string eq(59, '=');
+    EXPECT_EQ(err.text(), "\nDNS debug setting\n" + eq + "\n" +
+                              "module: error  warn   detail func   pkt    endec  io period\n" +
+                              std::string(59, '-') + "\n" + row("proxy", 0x01) + row("io", 0x11) +
+                              row("endec", 0x01) + row("server", 0x01) + row("cache", 0x01) +
+                              row("config", 0x01) + row("util", 0x81) + row("debug", 0x01) + eq +
+                              "\nclilog: level=3 dest=2\n" + eq + "\n");
+}
+
+TEST(RedirectPrintf, MovesBothStreamsAndReportsFailures) {
+    TempRoot root;
+    const std::string target = root.dir() + "/out.txt";
+    root.write("/out.txt", "");
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const int saved_out = dup(STDOUT_FILENO);
+    const int saved_err = dup(STDERR_FILENO);
+    dplog_redirect_printf(target.c_str());
+    std::fputs("to stdout\n", stdout);
+    std::fflush(stdout);
+    dplog_redirect_printf("/nonexistent/dir/tty");
+    std::fflush(stderr);
+    dup2(saved_out, STDOUT_FILENO);
+    dup2(saved_err, STDERR_FILENO);
+    close(saved_out);
+    close(saved_err);
+    EXPECT_EQ(root.read("/out.txt"),
+              "redirecting stdout and stderr to " + target +
+                  "\nto stdout\n/nonexistent/dir/tty is invalid to redirect\n");
+}
+
+} // namespace
