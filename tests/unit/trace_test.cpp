@@ -22,6 +22,7 @@ void expect_all_masks(uint32_t mask) {
 
 class Trace : public ::testing::Test {
   protected:
+    void SetUp() override { define_debug_mode(0); }
     void TearDown() override { define_debug_mode(0); }
 };
 

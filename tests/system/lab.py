@@ -1,0 +1,243 @@
+"""The test lab: three network namespaces, a private system bus and a private file tree.
+
+    lan  clients at 192.0.2.10 and 2001:db8:1::10 (MAC 02:00:00:00:00:10)
+    gw   dnsproxy; the LAN bridge br0 (192.0.2.1/24, 2001:db8:1::1/64) and the WAN side
+         198.51.100.1/24, 2001:db8:2::1/64
+    wan  upstream servers at 198.51.100.53, .54, .55 and 2001:db8:2::53
+
+Only documentation prefixes and loopback are used. Everything the lab starts is ended by PID,
+and the namespaces are deleted, when the lab goes down.
+"""
+
+import itertools
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parents[2]
+BUS_NAME = "orvik.kiv.dnsproxy"
+OBJECT_PATH = "/orvik/kiv/dnsproxy"
+
+LAN_MAC = "02:00:00:00:00:10"
+LAN_V4 = "192.0.2.10"
+LAN_V6 = "2001:db8:1::10"
+GW_LAN_V4 = "192.0.2.1"
+GW_LAN_V6 = "2001:db8:1::1"
+GW_WAN_V4 = "198.51.100.1"
+GW_WAN_V6 = "2001:db8:2::1"
+WAN_V4 = ["198.51.100.53", "198.51.100.54", "198.51.100.55"]
+WAN_V6 = ["2001:db8:2::53"]
+
+_serial = itertools.count()
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_type="method_return"/>
+    <allow send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="signal"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+"""
+
+
+def dnsproxy_binary():
+    """The daemon under test: $DNSPROXY_BIN (set by CTest), else the plain build."""
+    return os.environ.get("DNSPROXY_BIN", str(REPO / "build" / "dnsproxy"))
+
+
+def run(cmd, check=True, **kw):
+    return subprocess.run(cmd, check=check, capture_output=True, text=True, **kw)
+
+
+class Daemon:
+    """One dnsproxy process started by the lab; its standard error goes to a file."""
+
+    def __init__(self, lab, proc, log_path):
+        self.lab = lab
+        self.proc = proc
+        self.log_path = log_path
+
+    @property
+    def pid(self):
+        return self.proc.pid
+
+    def stderr(self):
+        return self.log_path.read_text(errors="replace")
+
+    def alive(self):
+        return self.proc.poll() is None
+
+    def wait_ready(self, timeout=15.0):
+        """Waits until the daemon answers a bus ping, i.e. it owns its name and runs its loop."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if not self.alive():
+                raise AssertionError(f"dnsproxy exited with {self.proc.returncode}:\n{self.stderr()}")
+            if self.lab.bus_ping():
+                return
+            time.sleep(0.05)
+        raise AssertionError(f"dnsproxy not ready after {timeout} s:\n{self.stderr()}")
+
+    def signal(self, signo):
+        if self.alive():
+            os.kill(self.pid, signo)
+
+    def wait(self, timeout=10.0):
+        return self.proc.wait(timeout=timeout)
+
+    def stop(self):
+        """SIGTERM, then SIGKILL if it does not end; returns the exit status."""
+        if self.alive():
+            self.signal(signal.SIGTERM)
+            try:
+                return self.proc.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.signal(signal.SIGKILL)
+        return self.proc.wait(timeout=10)
+
+
+class Lab:
+    def __init__(self, with_netns=True):
+        self.tag = f"dp{os.getpid() % 100000}n{next(_serial)}"
+        self.with_netns = with_netns
+        self.dir = Path(tempfile.mkdtemp(prefix="dp-"))  # short: socket paths must fit
+        self.root = self.dir / "root"
+        for sub in ("etc", "configs", "var/run/csmsg"):
+            (self.root / sub).mkdir(parents=True, exist_ok=True)
+        self.bus_socket = self.dir / "bus"
+        self.bus_address = f"unix:path={self.bus_socket}"
+        self.ns = {name: f"{self.tag}-{name}" for name in ("lan", "gw", "wan")}
+        self.processes = []
+        self.daemons = []
+        self._bus = None
+
+    # ---- bring-up -------------------------------------------------------------------------
+
+    def up(self):
+        try:
+            if self.with_netns:
+                self._make_namespaces()
+            self._start_bus()
+        except Exception:
+            self.down()
+            raise
+        return self
+
+    def _ip(self, ns, *args):
+        run(["ip", "-n", self.ns[ns], *args])
+
+    def _make_namespaces(self):
+        for name in self.ns.values():
+            run(["ip", "netns", "add", name])
+        for ns in self.ns:
+            self._ip(ns, "link", "set", "lo", "up")
+        # lan0 (lan) <-> port0 (gw, in br0); wan0 (wan) <-> gw0 (gw)
+        self._ip("lan", "link", "add", "lan0", "address", LAN_MAC, "type", "veth", "peer", "name", "port0",
+                 "netns", self.ns["gw"])
+        self._ip("wan", "link", "add", "wan0", "type", "veth", "peer", "name", "gw0", "netns", self.ns["gw"])
+        self._ip("gw", "link", "add", "br0", "type", "bridge")
+        self._ip("gw", "link", "set", "port0", "master", "br0")
+        for ns, link in (("gw", "br0"), ("gw", "port0"), ("gw", "gw0"), ("lan", "lan0"), ("wan", "wan0")):
+            self._ip(ns, "link", "set", link, "up")
+        self._ip("gw", "addr", "add", f"{GW_LAN_V4}/24", "dev", "br0")
+        self._ip("gw", "addr", "add", f"{GW_LAN_V6}/64", "dev", "br0", "nodad")
+        self._ip("gw", "addr", "add", f"{GW_WAN_V4}/24", "dev", "gw0")
+        self._ip("gw", "addr", "add", f"{GW_WAN_V6}/64", "dev", "gw0", "nodad")
+        self._ip("lan", "addr", "add", f"{LAN_V4}/24", "dev", "lan0")
+        self._ip("lan", "addr", "add", f"{LAN_V6}/64", "dev", "lan0", "nodad")
+        self._ip("lan", "route", "add", "default", "via", GW_LAN_V4)
+        for addr in WAN_V4:
+            self._ip("wan", "addr", "add", f"{addr}/24", "dev", "wan0")
+        for addr in WAN_V6:
+            self._ip("wan", "addr", "add", f"{addr}/64", "dev", "wan0", "nodad")
+
+    def _start_bus(self):
+        conf = self.dir / "bus.conf"
+        conf.write_text(BUS_CONFIG.format(socket=self.bus_socket))
+        proc = subprocess.Popen(["dbus-daemon", f"--config-file={conf}", "--nofork", "--print-address"],
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.processes.append(proc)
+        self._bus = proc
+        line = proc.stdout.readline()  # printed once the bus listens
+        if not line.startswith("unix:"):
+            raise RuntimeError("dbus-daemon did not start")
+
+    # ---- use ------------------------------------------------------------------------------
+
+    def env(self, extra=None):
+        env = dict(os.environ)
+        env["DNSPROXY_ROOT"] = str(self.root)
+        env["DBUS_SYSTEM_BUS_ADDRESS"] = self.bus_address
+        env.update(extra or {})
+        return env
+
+    def exec_argv(self, ns, argv):
+        """argv run inside namespace ns (plain argv when the lab has no namespaces)."""
+        if not self.with_netns:
+            return list(argv)
+        return ["ip", "netns", "exec", self.ns[ns], *argv]
+
+    def write(self, path, text):
+        """Writes a file of the daemon's tree: path as the daemon names it (/etc/...)."""
+        full = self.root / path.lstrip("/")
+        full.parent.mkdir(parents=True, exist_ok=True)
+        full.write_text(text)
+        return full
+
+    def read(self, path):
+        return (self.root / path.lstrip("/")).read_text()
+
+    def start_dnsproxy(self, *args, ready=True, env=None):
+        log = self.dir / f"dnsproxy-{len(self.daemons)}.log"
+        with open(log, "w") as out:
+            # ip netns exec execs the command, so the PID is the daemon's own.
+            proc = subprocess.Popen(self.exec_argv("gw", [dnsproxy_binary(), *args]), stdin=subprocess.DEVNULL,
+                                    stdout=out, stderr=out, env=self.env(env))
+        daemon = Daemon(self, proc, log)
+        self.daemons.append(daemon)
+        if ready:
+            daemon.wait_ready()
+        return daemon
+
+    def bus_ping(self):
+        r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
+                 OBJECT_PATH, "org.freedesktop.DBus.Peer.Ping"], check=False, env=self.env())
+        return r.returncode == 0
+
+    # ---- tear-down ------------------------------------------------------------------------
+
+    def down(self):
+        for d in self.daemons:
+            try:
+                d.stop()
+            except Exception:
+                pass
+        for proc in self.processes:
+            if proc.poll() is None:
+                proc.terminate()
+                try:
+                    proc.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
+                    proc.wait(timeout=5)
+        if self.with_netns:
+            for name in self.ns.values():
+                subprocess.run(["ip", "netns", "del", name], capture_output=True)
+        shutil.rmtree(self.dir, ignore_errors=True)

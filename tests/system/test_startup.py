@@ -1,0 +1,76 @@
+"""Start-up, PID file, options, signals and the log configuration of the running daemon."""
+
+import re
+import signal
+import subprocess
+
+import pytest
+
+from lab import dnsproxy_binary
+
+USAGE = ("\nusage : dnsproxy [-c <configfile>] [-D domain] [-v <level>] [-h] [-P] [-g] [-q] [-f mask]\n"
+         "\t-c <configfile> read configuration from <config-file>\n"
+         "\t-D \t\tDomain Name\n"
+         "\t-P \t\tprint configuration on stdout and exit.\n"
+         "\t-v \t\tset verbosity, where level 0 is LOG_ERROR, 1 is LOG_NOTICE, 2 is LOG_DEBUG\n"
+         "\t-g \t\tthe program will use global DNS server\n"
+         "\t-q \t\tenable service status indication\n"
+         "\t-f \t\tfeature mask\n"
+         "\t-h \t\tthis message.\n")
+
+
+def test_help_prints_usage_and_exits_1(lab):
+    r = subprocess.run(lab.exec_argv("gw", [dnsproxy_binary(), "-q", "-h"]), env=lab.env(),
+                       capture_output=True, text=True, timeout=30)
+    assert r.returncode == 1
+    pid = re.match(r"\ndnsproxy is started with pid=(\d+)\n", r.stderr).group(1)
+    assert r.stderr == f"\ndnsproxy is started with pid={pid}\n{USAGE}\ndnsproxy preexit with pid={pid}\n"
+    assert not (lab.root / "etc/dnsproxy_pid").exists()  # -h ends before the PID file
+
+
+@pytest.mark.parametrize("signo", [signal.SIGTERM, signal.SIGINT])
+def test_pid_file_and_termination_by_signal(lab, signo):
+    d = lab.start_dnsproxy()
+    assert lab.read("/etc/dnsproxy_pid") == str(d.pid)
+    assert d.stderr().startswith(f"\ndnsproxy is started with pid={d.pid}\n")
+    d.signal(signo)
+    assert d.wait() == 255
+    log = d.stderr()
+    assert re.search(rf"DPMAIN handle_signal:\d+ signo={int(signo)}\n", log)
+    assert log.endswith(f"\ndnsproxy preexit with pid={d.pid}\n")
+    assert lab.read("/etc/dnsproxy_pid") == str(d.pid)  # left in place
+
+
+def test_print_configuration_and_keep_running(lab):
+    lab.write("/etc/flipla.conf", "EnableD2AFeature=yes\nServerSocketSrcPortStart=40000\n")
+    d = lab.start_dnsproxy("-P", "-f", "8", "-D", "lab.example", "-x")
+    assert d.alive()
+    log = d.stderr()
+    assert "\ncurrent configuration in the DNSPROXY\n" + "=" * 59 + "\n" in log
+    for line in ("is_d2a_feat_enabled              = 1\n",
+                 "is_dyn_cache_feat_enabled        = 1\n",
+                 "server_socket_src_port_start     = 40000\n",
+                 "domain_name                      = lab.example\n"):
+        assert line in log
+
+
+def test_log_configuration_file_is_honoured(lab):
+    # Mode 3 switches on the detail lines with time stamps; the stored timestamp 0 has no say.
+    lab.write("/configs/kiv_dnsproxy_log_config", "log_level=3\nlog_dest=2\ndebug_mode=3\ntimestamp=0\n")
+    d = lab.start_dnsproxy()
+    pid_file = lab.root / "etc/dnsproxy_pid"
+    assert re.search(rf"DPMAIN save_pid:\d+ t=\d+:\d+ dnsproxy pid\({d.pid}\) is saved to {pid_file}\n", d.stderr())
+
+
+def test_default_masks_show_no_detail_lines(lab):
+    d = lab.start_dnsproxy()
+    assert "is saved to" not in d.stderr()
+
+
+def test_fault_signal_restores_default_action(lab):
+    d = lab.start_dnsproxy()
+    d.signal(signal.SIGSEGV)
+    d.wait_ready()  # still serving: the handler only restored the default action
+    assert re.search(r"DPMAIN handle_signal:\d+ signo=11\n", d.stderr())
+    d.signal(signal.SIGSEGV)
+    assert d.wait() == -signal.SIGSEGV
