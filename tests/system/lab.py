@@ -114,10 +114,13 @@ class Daemon:
 
 
 class Lab:
-    def __init__(self, with_netns=True):
-        self.tag = f"dp{os.getpid() % 100000}n{next(_serial)}"
+    def __init__(self, with_netns=True, tag=None, workdir=None):
+        self.tag = tag or f"dp{os.getpid() % 100000}n{next(_serial)}"
         self.with_netns = with_netns
-        self.dir = Path(tempfile.mkdtemp(prefix="dp-"))  # short: socket paths must fit
+        if workdir is None:
+            workdir = tempfile.mkdtemp(prefix="dp-")  # short: socket paths must fit
+        self.dir = Path(workdir)
+        self.dir.mkdir(parents=True, exist_ok=True)
         self.root = self.dir / "root"
         for sub in ("etc", "configs", "var/run/csmsg"):
             (self.root / sub).mkdir(parents=True, exist_ok=True)
@@ -130,11 +133,12 @@ class Lab:
 
     # ---- bring-up -------------------------------------------------------------------------
 
-    def up(self):
+    def up(self, detach=False):
+        """detach: the bus and daemons outlive this Python process (the demonstration lab)."""
         try:
             if self.with_netns:
                 self._make_namespaces()
-            self._start_bus()
+            self._start_bus(detach)
         except Exception:
             self.down()
             raise
@@ -168,11 +172,12 @@ class Lab:
         for addr in WAN_V6:
             self._ip("wan", "addr", "add", f"{addr}/64", "dev", "wan0", "nodad")
 
-    def _start_bus(self):
+    def _start_bus(self, detach=False):
         conf = self.dir / "bus.conf"
         conf.write_text(BUS_CONFIG.format(socket=self.bus_socket))
         proc = subprocess.Popen(["dbus-daemon", f"--config-file={conf}", "--nofork", "--print-address"],
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                start_new_session=detach)
         self.processes.append(proc)
         self._bus = proc
         line = proc.stdout.readline()  # printed once the bus listens
@@ -204,12 +209,13 @@ class Lab:
     def read(self, path):
         return (self.root / path.lstrip("/")).read_text()
 
-    def start_dnsproxy(self, *args, ready=True, env=None):
+    def start_dnsproxy(self, *args, ready=True, env=None, detach=False, binary=None):
         log = self.dir / f"dnsproxy-{len(self.daemons)}.log"
         with open(log, "w") as out:
             # ip netns exec execs the command, so the PID is the daemon's own.
-            proc = subprocess.Popen(self.exec_argv("gw", [dnsproxy_binary(), *args]), stdin=subprocess.DEVNULL,
-                                    stdout=out, stderr=out, env=self.env(env))
+            proc = subprocess.Popen(self.exec_argv("gw", [binary or dnsproxy_binary(), *args]),
+                                    stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=self.env(env),
+                                    start_new_session=detach)
         daemon = Daemon(self, proc, log)
         self.daemons.append(daemon)
         if ready:
@@ -220,6 +226,41 @@ class Lab:
         r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
                  OBJECT_PATH, "org.freedesktop.DBus.Peer.Ping"], check=False, env=self.env())
         return r.returncode == 0
+
+    # ---- a lab that outlives its maker ----------------------------------------------------
+
+    def state(self):
+        """What down() of a later process needs: names, folder and the PIDs started here."""
+        procs = [(p.pid, "dbus-daemon") for p in self.processes] + [(d.pid, "dnsproxy") for d in self.daemons]
+        return {"tag": self.tag, "dir": str(self.dir), "with_netns": self.with_netns,
+                "pids": [{"pid": pid, "comm": comm} for pid, comm in procs]}
+
+    @staticmethod
+    def down_from_state(state):
+        """Ends the processes a detached lab started (by PID) and removes its namespaces."""
+        for entry in state["pids"]:
+            pid = entry["pid"]
+            try:  # a PID reused by another program since is left alone
+                if Path(f"/proc/{pid}/comm").read_text().strip() != entry["comm"][:15]:
+                    continue
+                os.kill(pid, signal.SIGTERM)
+            except (FileNotFoundError, ProcessLookupError):
+                continue
+            for _ in range(100):
+                try:
+                    os.kill(pid, 0)
+                except ProcessLookupError:
+                    break
+                time.sleep(0.05)
+            else:
+                try:
+                    os.kill(pid, signal.SIGKILL)
+                except ProcessLookupError:
+                    pass
+        if state["with_netns"]:
+            for name in ("lan", "gw", "wan"):
+                subprocess.run(["ip", "netns", "del", f"{state['tag']}-{name}"], capture_output=True)
+        shutil.rmtree(state["dir"], ignore_errors=True)
 
     # ---- tear-down ------------------------------------------------------------------------
 
