@@ -1,0 +1,223 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "config/dpcfg.h"
+#include "ctrl/dp_stats.h"
+#include "ctrl/dp_trace.h"
+#include "io/dpio.h"
+
+namespace {
+
+constexpr uint16_t kClientPort = 53;
+constexpr int kServerSocketAttempts = 10;
+constexpr uint32_t kHeaderLen = 12;
+constexpr uint32_t kLastPacketSize = 2048;
+
+int client_fd = -1;
+int server_fd = -1;
+uint16_t server_port = 0;
+
+// The most recent datagram read, for the diagnostics dumps.
+uint8_t last_packet[kLastPacketSize];
+uint32_t last_packet_len = 0;
+
+uint16_t message_id(const uint8_t* buf, uint32_t len) {
+    return len < 2 ? 0 : static_cast<uint16_t>(buf[0] << 8 | buf[1]);
+}
+
+bool is_v4_mapped(const uint8_t* a) {
+    static constexpr uint8_t prefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    return std::memcmp(a, prefix, sizeof prefix) == 0;
+}
+
+void trace_send(const char* func, int line, int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf,
+                uint16_t len, int ret) {
+    if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
+        char text[INET6_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET6, addr, text, sizeof text);
+        dp_trace("DPIO  ", func, line, "snd sock=%d id=0x%x len=%u dip=%s dport=%d ret=%d\n", sock,
+                 message_id(buf, len), static_cast<unsigned>(len), text, static_cast<int>(port), ret);
+    }
+    if (DP_TRACE_ON(DP_MOD_IO, DP_IO)) dpio_hex_dump("snd dns", buf, len);
+    if (ret < 0) dp_stats.send_packet_error++;
+}
+
+} // namespace
+
+int create_socket(uint16_t port) {
+    const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    if (fd < 0) return -1;
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    sa.sin6_addr = in6addr_any;
+    sa.sin6_port = htons(port);
+    // No address reuse and no IPv6-only option: one socket serves both families.
+    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+        close(fd);
+        return -2;
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    const int on = 1;
+    if (setsockopt(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on) != 0) {
+        DPIO_TRACE(DP_ERROR, "failed to set socket %d port=%d\n", fd, static_cast<int>(port));
+    }
+    return fd;
+}
+
+int create_client_socket() {
+    client_fd = create_socket(kClientPort);
+    if (client_fd < 0) DPIO_TRACE(DP_ERROR, "failed to create client socket with port=%d\n", kClientPort);
+    DPIO_TRACE(DP_DETAIL, "socket client_fd=%d\n", client_fd);
+    server_fd = dpio_create_server_socket();
+    return 0;
+}
+
+int dpio_create_server_socket() {
+    const uint32_t start = dpcfg_server_socket_src_port_start();
+    uint32_t end = dpcfg_server_socket_src_port_end();
+    if (start > end) {
+        DPIO_TRACE(DP_WARN, "port end(%d) is less than port start(%d)\n", static_cast<int>(end),
+                   static_cast<int>(start));
+        end = start;
+    }
+    // The end port itself is drawn only when the range is that one port; consecutive attempts take
+    // consecutive ports.
+    uint32_t now = static_cast<uint32_t>(std::time(nullptr));
+    int fd = -1;
+    for (int left = kServerSocketAttempts - 1; left >= 0; --left) {
+        const uint32_t port = start == end ? start : start + now % (end - start);
+        server_port = static_cast<uint16_t>(port);
+        ++now;
+        fd = create_socket(server_port);
+        if (fd >= 0) break;
+        DPIO_TRACE(DP_WARN, "failed to create server socket with port=%d try_times=%d\n",
+                   static_cast<int>(server_port), left);
+        if (left == 0) DPIO_TRACE(DP_ERROR, "failed to create server socket\n");
+    }
+    DPIO_TRACE(DP_DETAIL, "socket server_fd=%d server_port=%d\n", fd, static_cast<int>(server_port));
+    return fd;
+}
+
+int dpio_renew_server_socket() {
+    if (server_fd < 0) return -1;
+    const int fresh = dpio_create_server_socket();
+    if (fresh < 0) return fresh;
+    // dup2 keeps the descriptor number the main loop polls.
+    const int ret = dup2(fresh, server_fd) < 0 ? -1 : 0;
+    close(fresh);
+    return ret;
+}
+
+int dpio_get_client_fd() { return client_fd; }
+int dpio_get_server_fd() { return server_fd; }
+uint16_t dpio_get_server_port() { return server_port; }
+
+int send_packet(int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    sa.sin6_port = htons(port);
+    std::memcpy(&sa.sin6_addr, addr, 16);
+    const int ret = static_cast<int>(sendto(sock, buf, len, 0, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
+    trace_send(__func__, __LINE__, sock, addr, port, buf, len, ret);
+    return ret;
+}
+
+int send_packet_x(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len) {
+    if (dpcfg_send_mode_for_client_response() == 0) {
+        return send_packet(client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf, len);
+    }
+    // The address exactly as received keeps the flow information and a link-local scope id.
+    iovec iov{const_cast<uint8_t*>(buf), len};
+    msghdr msg{};
+    msg.msg_name = const_cast<sockaddr_in6*>(&peer->sa);
+    msg.msg_namelen = sizeof peer->sa;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    const int ret = static_cast<int>(sendmsg(client_fd, &msg, 0));
+    trace_send(__func__, __LINE__, client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf, len, ret);
+    return ret;
+}
+
+int dpio_send_to_client(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
+    return send_packet(client_fd, addr, port, buf, len);
+}
+
+int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
+    return send_packet(server_fd, addr, port, buf, len);
+}
+
+int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, uint16_t* len) {
+    // A datagram over 1024 bytes is read as 1025, which is how it is recognised.
+    iovec iov{buf, size > DPIO_MAX_DATAGRAM ? DPIO_MAX_DATAGRAM + 1 : size};
+    sockaddr_in6 from{};
+    msghdr msg{};
+    msg.msg_name = &from;
+    msg.msg_namelen = sizeof from;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    const ssize_t n = recvmsg(sock, &msg, MSG_WAITALL);
+    if (n < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+        dp_stats.recv_packet_error++;
+        DPIO_TRACE(DP_PKT, "failed to read packet from sock_fd=%d\n", sock);
+        return -2;
+    }
+    *len = static_cast<uint16_t>(n);
+    last_packet_len = std::min<uint32_t>(static_cast<uint32_t>(n), std::min<uint32_t>(size, kLastPacketSize));
+    std::memcpy(last_packet, buf, last_packet_len);
+
+    peer->sa = from;
+    std::memcpy(peer->addr, &from.sin6_addr, 16);
+    peer->port = ntohs(from.sin6_port);
+    peer->kind = is_v4_mapped(peer->addr) ? DPIO_PEER_IPV4 : DPIO_PEER_IPV6;
+    if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
+        char text[INET6_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET6, peer->addr, text, sizeof text);
+        dp_trace("DPIO  ", __func__, __LINE__, "rcv sock=%d id=0x%x len=%d sip=%s sport=%d skType=%d\n", sock,
+                 message_id(buf, *len), static_cast<int>(*len), text, static_cast<int>(peer->port),
+                 static_cast<int>(peer->kind));
+    }
+    if (DP_TRACE_ON(DP_MOD_IO, DP_IO)) dpio_hex_dump("rcv dns", buf, std::min<uint32_t>(*len, size));
+
+    if (*len < kHeaderLen) {
+        dp_stats.packet_len_too_short++;
+        DPIO_TRACE(DP_PKT, "drop short packet for len(%d)\n", static_cast<int>(*len));
+        return -3;
+    }
+    if (*len > DPIO_MAX_DATAGRAM) {
+        dp_stats.packet_len_too_long++;
+        DPIO_TRACE(DP_PKT, "drop long packet for len(%d)\n", static_cast<int>(*len));
+        return -5;
+    }
+    return 1;
+}
+
+void dpio_hex_dump(const char* label, const uint8_t* buf, uint32_t len) {
+    std::fprintf(stderr, "%s(%03d):", label, static_cast<int>(len));
+    char chunk[3 * 64 + 1];
+    for (uint32_t i = 0; i < len;) {
+        size_t used = 0;
+        for (uint32_t k = 0; k < 64 && i < len; ++k, ++i) {
+            used += static_cast<size_t>(std::snprintf(chunk + used, sizeof chunk - used, " %02x", buf[i]));
+        }
+        std::fputs(chunk, stderr);
+    }
+    std::fputs("\n", stderr);
+}
+
+void dpio_dump_info() {
+    std::fputs("\nsocket information\n", stderr);
+    std::fprintf(stderr, "  client_fd   = %d\n", client_fd);
+    std::fprintf(stderr, "  server_fd   = %d\n", server_fd);
+    std::fprintf(stderr, "  server_port = %u\n", static_cast<unsigned>(server_port));
+    dpio_hex_dump("  last packet", last_packet, last_packet_len);
+}

@@ -1,0 +1,130 @@
+#include "main/dpxy_pcb.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/dpcfg.h"
+#include "ctrl/dp_stats.h"
+#include "ctrl/dp_trace.h"
+#include "main/dputl.h"
+#include "server/dpsvr.h"
+
+namespace {
+
+// Server ids come from a counter, so consecutive ids land in consecutive buckets and a full
+// table of 1036 pcbs keeps every chain at one or two entries.
+constexpr uint32_t kIndexBuckets = 1024;
+
+struct pcb_list {
+    dpxy_pcb* newest = nullptr;
+    dpxy_pcb* oldest = nullptr;
+    uint32_t count = 0;
+    uint32_t timed_out = 0;
+    uint32_t max_count = 0;
+    dpxy_pcb* index[kIndexBuckets] = {};
+};
+
+pcb_list pcbs;
+
+dpxy_pcb** bucket_of(uint16_t server_id) { return &pcbs.index[server_id % kIndexBuckets]; }
+
+void index_insert(dpxy_pcb* pcb) {
+    dpxy_pcb** head = bucket_of(pcb->server_id);
+    pcb->hash_next = *head;
+    *head = pcb;
+}
+
+void index_remove(dpxy_pcb* pcb) {
+    for (dpxy_pcb** link = bucket_of(pcb->server_id); *link != nullptr; link = &(*link)->hash_next) {
+        if (*link == pcb) {
+            *link = pcb->hash_next;
+            return;
+        }
+    }
+}
+
+void link_newest(dpxy_pcb* pcb) {
+    pcb->newer = nullptr;
+    pcb->older = pcbs.newest;
+    if (pcbs.newest != nullptr) pcbs.newest->newer = pcb;
+    if (pcbs.oldest == nullptr) pcbs.oldest = pcb;
+    pcbs.newest = pcb;
+    index_insert(pcb);
+    if (++pcbs.count > pcbs.max_count) pcbs.max_count = pcbs.count;
+}
+
+void send_held_answer(const dpxy_pcb* pcb) {
+    DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n", pcb->client_id, pcb->server_id);
+    send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
+}
+
+} // namespace
+
+int dpxy_check_pcb_bound(uint16_t client_id) {
+    if (pcbs.count <= DPXY_PCB_BOUND - 1) return 0;
+    dp_stats.max_pcb_list_reach++;
+    DPMAIN_TRACE(DP_PKT, "client_id=0x%x dropped for reach max pcbs\n", client_id);
+    return -2;
+}
+
+int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
+    if (forward_result != 0) return -1;
+    // A retransmission that drew the same server_id updates the waiting pcb; its expiry stays.
+    if (dpxy_pcb* same = dpxy_find_pcb(image->server_id); same != nullptr) {
+        same->query_count = image->query_count;
+        same->response_count = image->response_count;
+        return 0;
+    }
+    auto* pcb = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb)));
+    if (pcb == nullptr) return -1; // the answer will find no pcb and be dropped
+    DPMAIN_TRACE(DP_DETAIL, "pcb=%p\n", static_cast<void*>(pcb));
+    std::memcpy(pcb, image, sizeof *pcb);
+    pcb->expiry = dputl_get_current_time() + DPXY_PCB_LIFETIME;
+    link_newest(pcb);
+    return 0;
+}
+
+void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
+    if (pcb == nullptr) return;
+    DPMAIN_TRACE(DP_FUNC, "pcb=%p\n", static_cast<void*>(pcb));
+    index_remove(pcb);
+    if (pcb->newer != nullptr) pcb->newer->older = pcb->older;
+    else pcbs.newest = pcb->older;
+    if (pcb->older != nullptr) pcb->older->newer = pcb->newer;
+    else pcbs.oldest = pcb->newer;
+    if (pcbs.count > 0) pcbs.count--;
+    std::free(pcb->vendor_opt);
+    std::free(pcb);
+}
+
+dpxy_pcb* dpxy_find_pcb(uint16_t server_id) {
+    for (dpxy_pcb* p = *bucket_of(server_id); p != nullptr; p = p->hash_next) {
+        if (p->server_id == server_id) return p;
+    }
+    return nullptr;
+}
+
+void handle_expired_query() {
+    const uint32_t now = dputl_get_current_time();
+    // All pcbs live equally long and are linked in creation order: stop at the first one alive.
+    while (pcbs.oldest != nullptr && dputl_time_due(pcbs.oldest->expiry, now)) {
+        dpxy_pcb* pcb = pcbs.oldest;
+        if (pcb->response_count != 0 && pcb->source == DPXY_SRC_CLIENT) send_held_answer(pcb);
+        DPMAIN_TRACE(DP_PKT, "timeout(%lu) to remove pcb client_id=0x%x server_id=0x%x\n",
+                     static_cast<unsigned long>(now), pcb->client_id, pcb->server_id);
+        dpsvr_set_primary_dns_status(nullptr, 0);
+        remove_proxy_ctrlblk(pcb);
+        if (dpcfg_is_renew_server_socket_enabled() != 0) pcbs.timed_out++;
+        dpsvr_check_dns_server_set_status();
+    }
+}
+
+uint32_t dpxy_pcb_count() { return pcbs.count; }
+uint32_t dpxy_timed_out_count() { return pcbs.timed_out; }
+void dpxy_reset_timed_out_count() { pcbs.timed_out = 0; }
+
+void dpxy_dump_pcb_info() {
+    std::fprintf(stderr, "\nproxy control block(size=%d) current count=%u max=%u:%u\n",
+                 static_cast<int>(sizeof(dpxy_pcb)), pcbs.count, pcbs.max_count, DPXY_PCB_BOUND);
+}
