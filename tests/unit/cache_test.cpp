@@ -246,18 +246,24 @@ TEST_F(CacheTest, ReloadAllEmptiesTheCacheAndLoadsSwitchedListsInOrder) {
     root_.write("/etc/dns_d2a.conf", "192.0.2.1 a.lan\n");
     root_.write("/etc/dns_d2d.conf", "b.example a.example\n");
     root_.write("/var/hosts", "192.0.2.2 h.lan\n");
-    add_dyn("dyn.example", 100);
-    add_cache(&dpcache_d2d_list, "stale.example", 1, "x", DPCACHE_NEVER_EXPIRES);
-    dpcfg_set_d2a(1);
-    dpcfg_set_local_hosts(1);
-    dpcache_reload_all();
-    EXPECT_EQ(names(dpcache_d2a_list), "a.lan=192.0.2.1");
-    EXPECT_EQ(names(dpcache_hosts_list), "h.lan=192.0.2.2");
-    EXPECT_EQ(dpcache_d2d_list, nullptr);
-    EXPECT_EQ(dpcache_dyn_list, nullptr);
-    EXPECT_EQ(dpcache_dyn_count, 0u);
+    // Each switch alone loads its own list only; the dynamic cache is always emptied.
+    for (auto set : {dpcfg_set_d2a, dpcfg_set_d2d, dpcfg_set_local_hosts}) {
+        add_dyn("dyn.example", 100);
+        set(1);
+        dpcache_reload_all();
+        set(0);
+        EXPECT_EQ(names(dpcache_d2a_list) + "|" + names(dpcache_d2d_list) + "|" +
+                      names(dpcache_hosts_list),
+                  set == dpcfg_set_d2a   ? "a.lan=192.0.2.1||"
+                  : set == dpcfg_set_d2d ? "|a.example=b.example|"
+                                         : "||h.lan=192.0.2.2");
+        EXPECT_EQ(dpcache_dyn_list, nullptr);
+        EXPECT_EQ(dpcache_dyn_count, 0u);
+    }
     // All on: D2A, then D2D, then the hosts file, each dumped at the detail level.
+    dpcfg_set_d2a(1);
     dpcfg_set_d2d(1);
+    dpcfg_set_local_hosts(1);
     trace_cache();
     StderrCapture err;
     dpcache_reload_all();
