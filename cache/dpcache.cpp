@@ -1,0 +1,318 @@
+// The four name lists, their look-ups, the dynamic cache and the cache dump.
+#include "cache/dpcache.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/dpcfg.h"
+#include "ctrl/dp_trace.h"
+#include "main/dputl.h"
+
+cache_entry* dpcache_d2a_list = nullptr;
+cache_entry* dpcache_hosts_list = nullptr;
+cache_entry* dpcache_dyn_list = nullptr;
+cache_entry* dpcache_d2d_list = nullptr;
+uint32_t dpcache_dyn_count = 0;
+
+namespace {
+
+constexpr uint32_t kQtypeA = 1;
+constexpr uint32_t kQtypePtr = 12;
+constexpr uint32_t kQtypeAaaa = 28;
+
+constexpr const char* kEqRule = "===========================================================";
+constexpr const char* kDashRule = "-----------------------------------------------------------";
+
+// Trace arguments may be null (find_cache by value has no key); print them the way glibc would
+// without relying on it.
+const char* text_or_null(const char* s) {
+    return s != nullptr ? s : "(null)";
+}
+
+bool is_empty(const char* s) {
+    return s == nullptr || s[0] == '\0';
+}
+
+bool same_text(const char* a, const char* b) {
+    return strcasecmp(a, b) == 0;
+}
+
+bool contains_webgui_name(const char* key) {
+    return strcasestr(key, DPCFG_WEBGUI_HOST_NAME) != nullptr;
+}
+
+// A file entry never goes stale; any other is stale once its expiry is due.
+bool is_stale(const cache_entry* e, uint32_t now) {
+    return e->expiry != DPCACHE_NEVER_EXPIRES && dputl_time_due(e->expiry, now);
+}
+
+bool is_in_list(const cache_entry* list, const cache_entry* entry) {
+    for (const cache_entry* e = list; e != nullptr; e = e->next) {
+        if (e == entry) return true;
+    }
+    return false;
+}
+
+void unlink_entry(cache_entry** list, cache_entry* entry) {
+    if (entry->prev != nullptr) entry->prev->next = entry->next;
+    if (entry->next != nullptr) entry->next->prev = entry->prev;
+    if (*list == entry) *list = entry->next;
+}
+
+// The rules of find_cache for one entry, in order.
+bool entry_matches(const cache_entry* e, const char* key, uint32_t type, const char* val) {
+    // 1. The key itself.
+    if (key != nullptr && e->type == type && same_text(e->name, key)) return true;
+    // 2. The web-GUI entry answers every name that contains the web-GUI host name, so that any
+    //    sub-name typed into a browser reaches the gateway's own page.
+    if (same_text(e->name, DPCFG_WEBGUI_HOST_NAME)) {
+        if (e->type != type) return false;
+        if (key != nullptr && contains_webgui_name(key)) return true;
+        if (val == nullptr) return false;
+    } else if (val == nullptr || e->type != type) {
+        // 3. Any other entry is only matched by value.
+        return false;
+    }
+    // 4. Reverse look-up by value.
+    return same_text(e->val, val);
+}
+
+cache_entry* new_entry(const char* key, uint32_t type, const char* val, uint32_t expiry) {
+    const size_t key_len = std::strlen(key);
+    const size_t val_len = std::strlen(val);
+    auto* e = static_cast<cache_entry*>(std::malloc(sizeof(cache_entry) + key_len + val_len + 2));
+    if (e == nullptr) return nullptr;
+    e->prev = nullptr;
+    e->next = nullptr;
+    e->expiry = expiry;
+    e->type = type;
+    std::memcpy(e->name, key, key_len + 1);
+    e->val = e->name + key_len + 1;
+    std::memcpy(e->val, val, val_len + 1);
+    return e;
+}
+
+void link_at_head(cache_entry** list, cache_entry* e) {
+    e->next = *list;
+    if (*list != nullptr) (*list)->prev = e;
+    *list = e;
+}
+
+// Copies at most dstlen - 1 characters and terminates; dstlen 0 copies nothing.
+void copy_answer(char* dst, size_t dstlen, const char* text) {
+    if (dst == nullptr || dstlen == 0) return;
+    std::snprintf(dst, dstlen, "%s", text);
+}
+
+// Evicts from a full dynamic cache: every stale entry, or when none is stale the head, which is
+// the entry added last. Evicting the newest rather than the oldest is deliberate: it keeps the
+// long-standing entries that the LAN has been using and lets a burst of new names churn one
+// slot. Returns the number removed.
+uint32_t evict_dyn_entries(uint32_t now) {
+    uint32_t removed = 0;
+    for (cache_entry* e = dpcache_dyn_list; e != nullptr;) {
+        cache_entry* const next = e->next;
+        // Raw due test: a dynamic entry has no "never", so even that value ages out here.
+        if (dputl_time_due(e->expiry, now) && remove_cache(&dpcache_dyn_list, e) == 1) ++removed;
+        e = next;
+    }
+    DPCACH_TRACE(DP_DETAIL, "delete %u expired dyn cache record\n", removed);
+    if (removed == 0 && remove_cache(&dpcache_dyn_list, dpcache_dyn_list) == 1) removed = 1;
+    return removed;
+}
+
+} // namespace
+
+cache_entry* find_cache(cache_entry* list, const char* key, uint32_t type, const char* val) {
+    cache_entry* found = nullptr;
+    for (cache_entry* e = list; e != nullptr; e = e->next) {
+        if (entry_matches(e, key, type, val)) {
+            found = e;
+            break;
+        }
+    }
+    DPCACH_TRACE(DP_DETAIL, "list=%p key=%s type=%u val=%s ret_entry=%p\n",
+                 static_cast<void*>(list), text_or_null(key), type, text_or_null(val),
+                 static_cast<void*>(found));
+    return found;
+}
+
+int add_cache(cache_entry** list, const char* key, uint32_t type, const char* val,
+              uint32_t expiry) {
+    int ret = 1;
+    if (list == nullptr || key == nullptr || val == nullptr) {
+        ret = -1;
+    } else if (key[0] == '\0' || val[0] == '\0') {
+        ret = -2;
+    } else {
+        // A later add for the same name and type replaces the earlier one.
+        cache_entry* const old = find_cache(*list, key, type, nullptr);
+        if (old != nullptr) remove_cache(list, old);
+        cache_entry* const e = new_entry(key, type, val, expiry);
+        if (e == nullptr) {
+            ret = -4;
+        } else {
+            link_at_head(list, e);
+        }
+    }
+    DPCACH_TRACE(DP_DETAIL, "key=%s type=%u val=%s expiry=%d ret=%d\n", text_or_null(key), type,
+                 text_or_null(val), static_cast<int>(expiry), ret);
+    return ret;
+}
+
+int remove_cache(cache_entry** list, cache_entry* entry) {
+    if (list == nullptr || *list == nullptr || entry == nullptr) return -1;
+    // Unlinking an entry of another list would corrupt both.
+    if (!is_in_list(*list, entry)) return -1;
+    unlink_entry(list, entry);
+    std::free(entry);
+    return 1;
+}
+
+uint32_t purge_cache_list(cache_entry** list) {
+    uint32_t count = 0;
+    if (list != nullptr) {
+        for (cache_entry* e = *list; e != nullptr;) {
+            cache_entry* const next = e->next;
+            std::free(e);
+            e = next;
+            ++count;
+        }
+        *list = nullptr;
+    }
+    DPCACH_TRACE(DP_DETAIL, "%u records are purged\n", count);
+    return count;
+}
+
+int dpcache_lookup_list(cache_entry** list, uint32_t qtype, const char* key, char* dst,
+                        size_t dstlen) {
+    if (list == nullptr) return DPCACHE_ANSWER_NONE;
+    // 1-4. Pick the entry: PTR by IPv4 value, AAAA and A by name.
+    cache_entry* e = nullptr;
+    int kind = DPCACHE_ANSWER_NONE;
+    if (qtype == kQtypePtr) {
+        e = find_cache(*list, nullptr, DPCACHE_TYPE_IPV4, key);
+        kind = DPCACHE_ANSWER_PTR;
+    } else if (qtype == kQtypeAaaa) {
+        e = find_cache(*list, key, DPCACHE_TYPE_IPV6, nullptr);
+        kind = DPCACHE_ANSWER_AAAA;
+    } else if (qtype == kQtypeA) {
+        e = find_cache(*list, key, DPCACHE_TYPE_IPV4, nullptr);
+        kind = DPCACHE_ANSWER_A;
+    }
+    // 5. Nothing, or stale: a stale entry is dropped by the look-up that finds it.
+    if (e == nullptr) return DPCACHE_ANSWER_NONE;
+    if (is_stale(e, dputl_get_current_time())) {
+        remove_cache(list, e);
+        return DPCACHE_ANSWER_NONE;
+    }
+    // 6. Copy the answer: the name for PTR, the value otherwise.
+    const char* const answer = kind == DPCACHE_ANSWER_PTR ? e->name : e->val;
+    if (is_empty(answer)) return DPCACHE_ANSWER_NONE;
+    copy_answer(dst, dstlen, answer);
+    return kind;
+}
+
+int dpcache_resolve_name_from_local(uint32_t qtype, const char* key, char* dst, size_t dstlen) {
+    DPCACH_TRACE(DP_DETAIL, "qtype=%u key=%s\n", qtype, text_or_null(key));
+    if (is_empty(key)) return DPCACHE_ANSWER_NONE;
+    int ret = DPCACHE_ANSWER_NONE;
+    if (dpcfg_is_d2a_feat_enabled())
+        ret = dpcache_lookup_list(&dpcache_d2a_list, qtype, key, dst, dstlen);
+    if (ret == DPCACHE_ANSWER_NONE && dpcfg_is_local_hosts_feat_enabled()) {
+        ret = dpcache_lookup_list(&dpcache_hosts_list, qtype, key, dst, dstlen);
+    }
+    if (ret == DPCACHE_ANSWER_NONE && dpcfg_is_dyn_cache_feat_enabled()) {
+        ret = dpcache_lookup_list(&dpcache_dyn_list, qtype, key, dst, dstlen);
+    }
+    return ret;
+}
+
+int dpcache_find_d2d_name(uint32_t qtype, const char* qname, char* new_name, size_t len) {
+    if (new_name != nullptr && len > 0) new_name[0] = '\0';
+    int ret = 1;
+    if (is_empty(qname)) {
+        ret = -1;
+    } else if (qtype != kQtypeA && qtype != kQtypeAaaa) {
+        ret = -2;
+    } else {
+        // A rewrite never expires: its expiry is not looked at.
+        const cache_entry* const e = find_cache(dpcache_d2d_list, qname, DPCACHE_TYPE_D2D, nullptr);
+        if (e == nullptr) {
+            ret = -3;
+        } else if (is_empty(e->val)) {
+            ret = -4;
+        } else {
+            copy_answer(new_name, len, e->val);
+        }
+    }
+    DPCACH_TRACE(DP_DETAIL, "qtype=%u qname=%s ret=%d new_name=%s\n", qtype, text_or_null(qname),
+                 ret, new_name != nullptr && len > 0 ? new_name : "");
+    return ret;
+}
+
+void dpcache_add_dync_cache(uint32_t qtype, const char* name, const char* value, uint32_t ttl) {
+    const uint32_t now = dputl_get_current_time();
+    // 1. A full cache makes room first.
+    const bool was_below = dpcache_dyn_count < DPCACHE_DYN_MAX;
+    if (!was_below) {
+        const uint32_t removed = evict_dyn_entries(now);
+        if (removed <= dpcache_dyn_count) dpcache_dyn_count -= removed;
+    }
+    // 2. Only A and AAAA answers with a name, a value and a lifetime are kept. A replaced entry
+    //    still raises the count: the count may run ahead of the list.
+    const bool has_room = was_below || dpcache_dyn_count < DPCACHE_DYN_MAX;
+    const bool storable = !is_empty(name) && !is_empty(value) && ttl != 0 &&
+                          (qtype == kQtypeA || qtype == kQtypeAaaa);
+    if (has_room && storable) {
+        const uint32_t type = qtype == kQtypeA ? DPCACHE_TYPE_IPV4 : DPCACHE_TYPE_IPV6;
+        if (add_cache(&dpcache_dyn_list, name, type, value, now + ttl) >= 0) ++dpcache_dyn_count;
+    }
+    // 3.
+    DPCACH_TRACE(DP_DETAIL, "dnsDynCache=%p count=%d\n", static_cast<void*>(dpcache_dyn_list),
+                 static_cast<int>(dpcache_dyn_count));
+}
+
+void dpcache_purge_all() {
+    purge_cache_list(&dpcache_d2a_list);
+    purge_cache_list(&dpcache_d2d_list);
+    purge_cache_list(&dpcache_hosts_list);
+    purge_cache_list(&dpcache_dyn_list);
+    dpcache_dyn_count = 0;
+}
+
+void dpcache_dump_list(const char* dump_name, const cache_entry* list) {
+    if (list == nullptr) {
+        std::fprintf(stderr, "cache list of %s is empty\n", dump_name);
+        return;
+    }
+    std::fprintf(stderr, "cache list of %s\n", dump_name);
+    std::fprintf(stderr, "%s\n", kDashRule);
+    const uint32_t now = dputl_get_current_time();
+    int pos = 1;
+    for (const cache_entry* e = list; e != nullptr; e = e->next, ++pos) {
+        const int remaining = e->expiry == DPCACHE_NEVER_EXPIRES
+                                  ? -1
+                                  : static_cast<int>(static_cast<int32_t>(e->expiry - now));
+        std::fprintf(stderr, "%2d ID=%p: type=%u expiry=%d name=%s value=%s\n", pos,
+                     static_cast<const void*>(e), e->type, remaining, e->name,
+                     e->val != nullptr ? e->val : "");
+    }
+}
+
+void dpcache_dump() {
+    std::fprintf(stderr, "\nDNS Cache(currtime=%lu)\n",
+                 static_cast<unsigned long>(dputl_get_current_time()));
+    std::fprintf(stderr, "%s\n", kEqRule);
+    dpcache_dump_list("D2D", dpcache_d2d_list);
+    std::fprintf(stderr, "\n");
+    dpcache_dump_list("D2A", dpcache_d2a_list);
+    std::fprintf(stderr, "\n");
+    dpcache_dump_list("LocalHosts", dpcache_hosts_list);
+    std::fprintf(stderr, "\n");
+    dpcache_dump_list("DynamicCache", dpcache_dyn_list);
+    std::fprintf(stderr, "%s\n", kEqRule);
+}
