@@ -36,6 +36,9 @@ int dpio_create_server_socket();
 // the main loop polls). 0, or the negative code of the failed socket.
 int dpio_renew_server_socket();
 
+// Closes both sockets (shutdown, tests).
+void dpio_close_sockets();
+
 int dpio_get_client_fd();
 int dpio_get_server_fd();
 uint16_t dpio_get_server_port();

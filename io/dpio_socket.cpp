@@ -39,13 +39,14 @@ bool is_v4_mapped(const uint8_t* a) {
     return std::memcmp(a, prefix, sizeof prefix) == 0;
 }
 
-void trace_send(const char* func, int line, int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf,
-                uint16_t len, int ret) {
+void trace_send(const char* func, int line, int sock, const uint8_t* addr, uint16_t port,
+                const uint8_t* buf, uint16_t len, int ret) {
     if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
         char text[INET6_ADDRSTRLEN] = "";
         inet_ntop(AF_INET6, addr, text, sizeof text);
         dp_trace("DPIO  ", func, line, "snd sock=%d id=0x%x len=%u dip=%s dport=%d ret=%d\n", sock,
-                 message_id(buf, len), static_cast<unsigned>(len), text, static_cast<int>(port), ret);
+                 message_id(buf, len), static_cast<unsigned>(len), text, static_cast<int>(port),
+                 ret);
     }
     if (DP_TRACE_ON(DP_MOD_IO, DP_IO)) dpio_hex_dump("snd dns", buf, len);
     if (ret < 0) dp_stats.send_packet_error++;
@@ -75,7 +76,8 @@ int create_socket(uint16_t port) {
 
 int create_client_socket() {
     client_fd = create_socket(kClientPort);
-    if (client_fd < 0) DPIO_TRACE(DP_ERROR, "failed to create client socket with port=%d\n", kClientPort);
+    if (client_fd < 0)
+        DPIO_TRACE(DP_ERROR, "failed to create client socket with port=%d\n", kClientPort);
     DPIO_TRACE(DP_DETAIL, "socket client_fd=%d\n", client_fd);
     server_fd = dpio_create_server_socket();
     return 0;
@@ -103,7 +105,8 @@ int dpio_create_server_socket() {
                    static_cast<int>(server_port), left);
         if (left == 0) DPIO_TRACE(DP_ERROR, "failed to create server socket\n");
     }
-    DPIO_TRACE(DP_DETAIL, "socket server_fd=%d server_port=%d\n", fd, static_cast<int>(server_port));
+    DPIO_TRACE(DP_DETAIL, "socket server_fd=%d server_port=%d\n", fd,
+               static_cast<int>(server_port));
     return fd;
 }
 
@@ -117,16 +120,30 @@ int dpio_renew_server_socket() {
     return ret;
 }
 
-int dpio_get_client_fd() { return client_fd; }
-int dpio_get_server_fd() { return server_fd; }
-uint16_t dpio_get_server_port() { return server_port; }
+void dpio_close_sockets() {
+    if (client_fd >= 0) close(client_fd);
+    if (server_fd >= 0) close(server_fd);
+    client_fd = -1;
+    server_fd = -1;
+}
+
+int dpio_get_client_fd() {
+    return client_fd;
+}
+int dpio_get_server_fd() {
+    return server_fd;
+}
+uint16_t dpio_get_server_port() {
+    return server_port;
+}
 
 int send_packet(int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
     sockaddr_in6 sa{};
     sa.sin6_family = AF_INET6;
     sa.sin6_port = htons(port);
     std::memcpy(&sa.sin6_addr, addr, 16);
-    const int ret = static_cast<int>(sendto(sock, buf, len, 0, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
+    const int ret =
+        static_cast<int>(sendto(sock, buf, len, 0, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
     trace_send(__func__, __LINE__, sock, addr, port, buf, len, ret);
     return ret;
 }
@@ -143,7 +160,8 @@ int send_packet_x(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len) {
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     const int ret = static_cast<int>(sendmsg(client_fd, &msg, 0));
-    trace_send(__func__, __LINE__, client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf, len, ret);
+    trace_send(__func__, __LINE__, client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf,
+               len, ret);
     return ret;
 }
 
@@ -172,7 +190,8 @@ int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, 
         return -2;
     }
     *len = static_cast<uint16_t>(n);
-    last_packet_len = std::min<uint32_t>(static_cast<uint32_t>(n), std::min<uint32_t>(size, kLastPacketSize));
+    last_packet_len =
+        std::min<uint32_t>(static_cast<uint32_t>(n), std::min<uint32_t>(size, kLastPacketSize));
     std::memcpy(last_packet, buf, last_packet_len);
 
     peer->sa = from;
@@ -182,11 +201,13 @@ int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, 
     if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
         char text[INET6_ADDRSTRLEN] = "";
         inet_ntop(AF_INET6, peer->addr, text, sizeof text);
-        dp_trace("DPIO  ", __func__, __LINE__, "rcv sock=%d id=0x%x len=%d sip=%s sport=%d skType=%d\n", sock,
+        dp_trace("DPIO  ", __func__, __LINE__,
+                 "rcv sock=%d id=0x%x len=%d sip=%s sport=%d skType=%d\n", sock,
                  message_id(buf, *len), static_cast<int>(*len), text, static_cast<int>(peer->port),
                  static_cast<int>(peer->kind));
     }
-    if (DP_TRACE_ON(DP_MOD_IO, DP_IO)) dpio_hex_dump("rcv dns", buf, std::min<uint32_t>(*len, size));
+    if (DP_TRACE_ON(DP_MOD_IO, DP_IO))
+        dpio_hex_dump("rcv dns", buf, std::min<uint32_t>(*len, size));
 
     if (*len < kHeaderLen) {
         dp_stats.packet_len_too_short++;
@@ -207,7 +228,8 @@ void dpio_hex_dump(const char* label, const uint8_t* buf, uint32_t len) {
     for (uint32_t i = 0; i < len;) {
         size_t used = 0;
         for (uint32_t k = 0; k < 64 && i < len; ++k, ++i) {
-            used += static_cast<size_t>(std::snprintf(chunk + used, sizeof chunk - used, " %02x", buf[i]));
+            used += static_cast<size_t>(
+                std::snprintf(chunk + used, sizeof chunk - used, " %02x", buf[i]));
         }
         std::fputs(chunk, stderr);
     }

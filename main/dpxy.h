@@ -2,6 +2,8 @@
 // addresses, the once-a-second tick and the information dump.
 #pragma once
 
+#include <poll.h>
+
 #include <cstdint>
 
 // Which options were given.
@@ -52,6 +54,15 @@ void register_signal_handler();
 void handle_signal(int signo);
 // Exit hook: closes the JSON services and prints the preexit line.
 void preexit();
+
+// Returned by the packet handlers when the socket has nothing more to read.
+inline constexpr int DPXY_DRAINED = 1;
+
+// Handle one datagram of the client / upstream socket: its result code, or DPXY_DRAINED.
+int dpxy_handle_client_packet(int fd);
+int dpxy_handle_server_packet(int fd);
+// Socket dispatch callback of the bus loop: drains the readable socket, one datagram at a time.
+int dpxy_dispatch_socket(struct pollfd* entry);
 
 // The tick: registered as the 1000 ms time-out handler and as the event observer; does its work
 // at most once per monotonic second.

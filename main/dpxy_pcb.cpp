@@ -27,7 +27,9 @@ struct pcb_list {
 
 pcb_list pcbs;
 
-dpxy_pcb** bucket_of(uint16_t server_id) { return &pcbs.index[server_id % kIndexBuckets]; }
+dpxy_pcb** bucket_of(uint16_t server_id) {
+    return &pcbs.index[server_id % kIndexBuckets];
+}
 
 void index_insert(dpxy_pcb* pcb) {
     dpxy_pcb** head = bucket_of(pcb->server_id);
@@ -36,7 +38,8 @@ void index_insert(dpxy_pcb* pcb) {
 }
 
 void index_remove(dpxy_pcb* pcb) {
-    for (dpxy_pcb** link = bucket_of(pcb->server_id); *link != nullptr; link = &(*link)->hash_next) {
+    for (dpxy_pcb** link = bucket_of(pcb->server_id); *link != nullptr;
+         link = &(*link)->hash_next) {
         if (*link == pcb) {
             *link = pcb->hash_next;
             return;
@@ -55,7 +58,8 @@ void link_newest(dpxy_pcb* pcb) {
 }
 
 void send_held_answer(const dpxy_pcb* pcb) {
-    DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n", pcb->client_id, pcb->server_id);
+    DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n", pcb->client_id,
+                 pcb->server_id);
     send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
 }
 
@@ -89,10 +93,14 @@ void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
     if (pcb == nullptr) return;
     DPMAIN_TRACE(DP_FUNC, "pcb=%p\n", static_cast<void*>(pcb));
     index_remove(pcb);
-    if (pcb->newer != nullptr) pcb->newer->older = pcb->older;
-    else pcbs.newest = pcb->older;
-    if (pcb->older != nullptr) pcb->older->newer = pcb->newer;
-    else pcbs.oldest = pcb->newer;
+    if (pcb->newer != nullptr)
+        pcb->newer->older = pcb->older;
+    else
+        pcbs.newest = pcb->older;
+    if (pcb->older != nullptr)
+        pcb->older->newer = pcb->newer;
+    else
+        pcbs.oldest = pcb->newer;
     if (pcbs.count > 0) pcbs.count--;
     std::free(pcb->vendor_opt);
     std::free(pcb);
@@ -120,9 +128,15 @@ void handle_expired_query() {
     }
 }
 
-uint32_t dpxy_pcb_count() { return pcbs.count; }
-uint32_t dpxy_timed_out_count() { return pcbs.timed_out; }
-void dpxy_reset_timed_out_count() { pcbs.timed_out = 0; }
+uint32_t dpxy_pcb_count() {
+    return pcbs.count;
+}
+uint32_t dpxy_timed_out_count() {
+    return pcbs.timed_out;
+}
+void dpxy_reset_timed_out_count() {
+    pcbs.timed_out = 0;
+}
 
 void dpxy_dump_pcb_info() {
     std::fprintf(stderr, "\nproxy control block(size=%d) current count=%u max=%u:%u\n",

@@ -6,8 +6,8 @@
 
 #include "io/dpio.h"
 
-inline constexpr uint32_t DPXY_PCB_BOUND = 1036;   // a new query is refused at this count
-inline constexpr uint32_t DPXY_PCB_LIFETIME = 5;   // seconds
+inline constexpr uint32_t DPXY_PCB_BOUND = 1036; // a new query is refused at this count
+inline constexpr uint32_t DPXY_PCB_LIFETIME = 5; // seconds
 inline constexpr uint32_t DPXY_MAX_PACKET = 2048;
 
 // Who asked.

@@ -8,10 +8,13 @@
 
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
+#include "io/dpio.h"
 #include "main/dputl.h"
 #include "main/dpxy.h"
+#include "main/dpxy_pcb.h"
 #include "platform/rcsd/rcsd.h"
 #include "platform/rjson/rjson.h"
+#include "server/dpsvr.h"
 
 namespace {
 
@@ -34,6 +37,20 @@ constexpr const char* kUsage =
 
 dpxy_client_itf client_itf;
 uint32_t next_tick_time = 0;
+uint32_t twelve_ticks = 0;
+
+// Queries timing out point at a server socket that upstream firewalls or NAT have forgotten:
+// after twelve ticks with time-outs, move to a new source port in place.
+void renew_server_socket_if_stale() {
+    if (dpcfg_is_renew_server_socket_enabled() == 0) return;
+    if (twelve_ticks >= 12 && dpxy_timed_out_count() != 0) {
+        dpio_renew_server_socket();
+        dpxy_reset_timed_out_count();
+        twelve_ticks = 0;
+    } else {
+        twelve_ticks++;
+    }
+}
 
 struct signal_row {
     int signo;
@@ -185,6 +202,9 @@ int dpxy_tick() {
     const uint32_t now = dputl_get_current_time();
     if (static_cast<int32_t>(next_tick_time - now) > 0) return 0;
     next_tick_time = now + 1;
+    handle_expired_query();
+    renew_server_socket_if_stale();
+    dpsvr_scan_monitor_list();
     dputl_scan_action_list();
     return 0;
 }
@@ -198,4 +218,6 @@ void dpxy_dump_info() {
     std::fprintf(stderr, "  v4ipstr = %s\n", client_itf.v4ipstr);
     std::fprintf(stderr, "  v6ipstr = %s", client_itf.v6ipstr);
     std::fputs("\n", stderr);
+    dpxy_dump_pcb_info();
+    dpio_dump_info();
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "cache/dpcache.h"
 #include "config/dpcfg.h"
 #include "ctrl/dp_service.h"
 #include "ctrl/dp_trace.h"
@@ -12,6 +13,7 @@
 #include "platform/ombus/ombus.h"
 #include "platform/rcsd/rcsd.h"
 #include "platform/rjson/rjson.h"
+#include "server/dpsvr.h"
 
 namespace {
 constexpr const char* kServiceName = "orvik.kiv.dnsproxy";
@@ -34,14 +36,21 @@ int main(int argc, char** argv) {
     dpcfg_init();
     // 6.2 PID file
     save_pid();
-    // 6.3 module message channel
+    // 6.3 module message channel and the server sets
     dpio_init_module_interface();
+    dpsvr_init_server_sets();
     // 6.4 options, in their fixed order
     dpxy_apply_input_parms(&parms);
     // 6.5 the LAN interface's addresses
     dpxy_read_client_interface();
+    // 6.6 server sets, name tables, sockets
+    dpsvr_load_all_dns_servers();
+    dpcache_reload_all();
+    create_client_socket();
 
     // 7. bus loop registrations; the tick is both the periodic handler and the event observer
+    ombusRegisterPollingSocket(dpio_get_client_fd(), dpxy_dispatch_socket, 0, 0);
+    ombusRegisterPollingSocket(dpio_get_server_fd(), dpxy_dispatch_socket, 0, 0);
     ombusRegisterPollingTimeOutHandler(1000, dpxy_tick, 1, 0);
     ombusRegisterPollingEventObserver(dpxy_tick, 2, 0);
     rcsd_init(kServiceName);

@@ -28,7 +28,7 @@ struct dpsvr_monitor {
 struct servset {
     char desc[16];
     dns_server servers[DPSVR_MAX_SERVERS]; // file order; index 0 is the primary
-    uint8_t policy;                        // 0 all servers, 1 active server, 2 primary while it answers
+    uint8_t policy; // 0 all servers, 1 active server, 2 primary while it answers
     uint8_t num;
     uint8_t activeIdx;
     uint8_t backupIdx;

@@ -1,5 +1,6 @@
 #include <array>
 #include <cstring>
+#include <string_view>
 
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
@@ -12,9 +13,9 @@
 namespace {
 
 constexpr uint16_t kDnsPort = 53;
-constexpr uint32_t kProbeInterval = 1;     // seconds an answer may take
-constexpr uint32_t kActiveRecheck = 60;    // an answering active server is probed again after
-constexpr uint32_t kBackupRest = 120;      // the backup walk rests this long between rounds
+constexpr uint32_t kProbeInterval = 1;  // seconds an answer may take
+constexpr uint32_t kActiveRecheck = 60; // an answering active server is probed again after
+constexpr uint32_t kBackupRest = 120;   // the backup walk rests this long between rounds
 constexpr uint8_t kFirstQuerySeen = 255;
 
 // ---- probe queries ----------------------------------------------------------------------------
@@ -31,17 +32,20 @@ constexpr probe_query make_probe(std::string_view name) {
     probe_query q{};
     uint8_t* p = q.bytes;
     const uint8_t header[12] = {0, 0, 0x01, 0x00, 0, 1, 0, 0, 0, 0, 0, 0};
-    for (uint8_t b : header) *p++ = b;
+    for (uint8_t b : header)
+        *p++ = b;
     size_t start = 0;
     while (start <= name.size()) {
         size_t dot = name.find('.', start);
         if (dot == std::string_view::npos) dot = name.size();
         *p++ = static_cast<uint8_t>(dot - start);
-        for (size_t i = start; i < dot; ++i) *p++ = static_cast<uint8_t>(name[i]);
+        for (size_t i = start; i < dot; ++i)
+            *p++ = static_cast<uint8_t>(name[i]);
         start = dot + 1;
     }
     const uint8_t tail[5] = {0, 0, 1, 0, 1}; // root, QTYPE A, QCLASS IN
-    for (uint8_t b : tail) *p++ = b;
+    for (uint8_t b : tail)
+        *p++ = b;
     q.len = static_cast<uint8_t>(p - q.bytes);
     return q;
 }
@@ -58,14 +62,28 @@ int probe_index = 0;
 servset* monitor_list = nullptr;
 int32_t is_first_dns_query = 0;
 
-servset* set_of(void* parm) { return static_cast<servset*>(parm); }
+servset* set_of(void* parm) {
+    return static_cast<servset*>(parm);
+}
 
-void active_start_cb(void* parm, acb*) { send_probe_packet_to_active_server(set_of(parm)); }
-void active_retry_cb(void* parm) { send_probe_packet_to_active_server(set_of(parm)); }
-void active_final_cb(void* parm) { set_next_active_server(set_of(parm)); }
-void backup_start_cb(void* parm, acb*) { send_probe_packet_to_backup_server(set_of(parm)); }
-void backup_retry_cb(void* parm) { send_probe_packet_to_backup_server(set_of(parm)); }
-void backup_final_cb(void* parm) { set_next_backup_server(set_of(parm)); }
+void active_start_cb(void* parm, acb*) {
+    send_probe_packet_to_active_server(set_of(parm));
+}
+void active_retry_cb(void* parm) {
+    send_probe_packet_to_active_server(set_of(parm));
+}
+void active_final_cb(void* parm) {
+    set_next_active_server(set_of(parm));
+}
+void backup_start_cb(void* parm, acb*) {
+    send_probe_packet_to_backup_server(set_of(parm));
+}
+void backup_retry_cb(void* parm) {
+    send_probe_packet_to_backup_server(set_of(parm));
+}
+void backup_final_cb(void* parm) {
+    set_next_backup_server(set_of(parm));
+}
 
 void leave_monitor_list(servset* set) {
     for (servset** link = &monitor_list; *link != nullptr; link = &(*link)->next) {
@@ -95,7 +113,8 @@ int start_probe(servset* set, dpsvr_monitor& mon) {
 
 // The EDNS payload check of one server; true when the query must not go to it.
 bool payload_refused(uint8_t* packet, uint16_t len, const dns_server& server) {
-    return dpcfg_is_edns_enabled() != 0 && dpedns_check_packet_payload(packet, len, server.udpMaxPayload) != 0;
+    return dpcfg_is_edns_enabled() != 0 &&
+           dpedns_check_packet_payload(packet, len, server.udpMaxPayload) != 0;
 }
 
 int send_to(const dns_server& server, const uint8_t* packet, uint16_t len) {
@@ -105,7 +124,9 @@ int send_to(const dns_server& server, const uint8_t* packet, uint16_t len) {
 int send_to_active(uint8_t* packet, uint16_t len, servset* set) {
     const dns_server& server = set->servers[set->activeIdx];
     if (payload_refused(packet, len, server)) {
-        DPSERV_TRACE(DP_DETAIL, "Query packet has bigger payload or temp error in updating query. Return error");
+        DPSERV_TRACE(
+            DP_DETAIL,
+            "Query packet has bigger payload or temp error in updating query. Return error");
         return 0;
     }
     return send_to(server, packet, len);
@@ -116,8 +137,10 @@ int send_to_all(uint8_t* packet, uint16_t len, servset* set, bool check_payload)
     for (uint32_t i = 0; i < set->num; ++i) {
         const dns_server& server = set->servers[i];
         if (check_payload && payload_refused(packet, len, server)) {
-            DPSERV_TRACE(DP_DETAIL, "\nQuery has bigger payload than server. Do not send packet to this server %s %d\n",
-                         server.addrStr, server.udpMaxPayload);
+            DPSERV_TRACE(
+                DP_DETAIL,
+                "\nQuery has bigger payload than server. Do not send packet to this server %s %d\n",
+                server.addrStr, server.udpMaxPayload);
             continue;
         }
         sent += send_to(server, packet, len);
@@ -127,9 +150,10 @@ int send_to_all(uint8_t* packet, uint16_t len, servset* set, bool check_payload)
 
 // Policy 2: the primary alone while it is known to answer, else every server.
 int send_primary_first(uint8_t* packet, uint16_t len, servset* set) {
-    DPSERV_TRACE(DP_DETAIL, "serv_set->primaryDnsActive = %d , is_first_dns_query=%d\n", set->primaryDnsActive,
-                 is_first_dns_query);
-    if (set->primaryDnsActive != 0 && is_first_dns_query != 1) return send_to(set->servers[0], packet, len);
+    DPSERV_TRACE(DP_DETAIL, "serv_set->primaryDnsActive = %d , is_first_dns_query=%d\n",
+                 set->primaryDnsActive, is_first_dns_query);
+    if (set->primaryDnsActive != 0 && is_first_dns_query != 1)
+        return send_to(set->servers[0], packet, len);
     if (is_first_dns_query == 1) is_first_dns_query = kFirstQuerySeen;
     return send_to_all(packet, len, set, false);
 }
@@ -139,10 +163,12 @@ int send_primary_first(uint8_t* packet, uint16_t len, servset* set) {
 // ---- monitors shared with the set loader ------------------------------------------------------
 
 void dpsvr_prepare_monitors(servset* set) {
-    set->active.acb = acb{nullptr, nullptr, 1, kProbeInterval, set, active_start_cb, active_retry_cb,
-                          active_final_cb, 0, 0};
-    set->backup.acb = acb{nullptr, nullptr, 1, kProbeInterval, set, backup_start_cb, backup_retry_cb,
-                          backup_final_cb, 0, 0};
+    set->active.acb =
+        acb{nullptr,         nullptr, 1, kProbeInterval, set, active_start_cb, active_retry_cb,
+            active_final_cb, 0,       0};
+    set->backup.acb =
+        acb{nullptr,         nullptr, 1, kProbeInterval, set, backup_start_cb, backup_retry_cb,
+            backup_final_cb, 0,       0};
 }
 
 void dpsvr_reset_monitor_list() {
@@ -175,7 +201,9 @@ void dpsvr_join_monitor_list(servset* set) {
     set->backup.ena = 0;
 }
 
-servset* dpsvr_monitor_list_head() { return monitor_list; }
+servset* dpsvr_monitor_list_head() {
+    return monitor_list;
+}
 
 // ---- forwarding -------------------------------------------------------------------------------
 
@@ -245,8 +273,12 @@ int set_next_backup_server(servset* set) {
 
 // ---- probing ----------------------------------------------------------------------------------
 
-int start_active_server_probe(servset* set) { return set == nullptr ? -33 : start_probe(set, set->active); }
-int start_backup_server_probe(servset* set) { return set == nullptr ? -15 : start_probe(set, set->backup); }
+int start_active_server_probe(servset* set) {
+    return set == nullptr ? -33 : start_probe(set, set->active);
+}
+int start_backup_server_probe(servset* set) {
+    return set == nullptr ? -15 : start_probe(set, set->backup);
+}
 
 int stop_active_server_probe(servset* set) {
     if (set == nullptr) return -43;
@@ -281,27 +313,32 @@ int send_probe_packet_to_server(const dns_server* server, uint16_t* transid) {
     q.bytes[0] = static_cast<uint8_t>(*transid >> 8);
     q.bytes[1] = static_cast<uint8_t>(*transid & 0xFF);
     const int ret = dpio_send_to_server(server->addr, kDnsPort, q.bytes, q.len);
-    DPSERV_TRACE(DP_DETAIL, "server=%p ip=%s transid=0x%x ret=%d\n", static_cast<const void*>(server),
-                 server->addrStr, *transid, ret);
+    DPSERV_TRACE(DP_DETAIL, "server=%p ip=%s transid=0x%x ret=%d\n",
+                 static_cast<const void*>(server), server->addrStr, *transid, ret);
     return ret;
 }
 
 void dpsvr_scan_monitor_list() {
     const uint32_t now = dputl_get_current_time();
     for (servset* set = monitor_list; set != nullptr; set = set->next) {
-        DPSERV_TRACE(DP_PERIOD, "pSet=%p curr_time=%d active(ena=%d Time=%d) backup(ena=%d Time=%d)\n",
+        DPSERV_TRACE(DP_PERIOD,
+                     "pSet=%p curr_time=%d active(ena=%d Time=%d) backup(ena=%d Time=%d)\n",
                      static_cast<void*>(set), static_cast<int>(now), set->active.ena,
-                     static_cast<int>(set->active.Time), set->backup.ena, static_cast<int>(set->backup.Time));
-        if (set->active.ena != 0 && dputl_time_due(set->active.Time, now)) start_active_server_probe(set);
-        if (set->backup.ena != 0 && dputl_time_due(set->backup.Time, now)) start_backup_server_probe(set);
+                     static_cast<int>(set->active.Time), set->backup.ena,
+                     static_cast<int>(set->backup.Time));
+        if (set->active.ena != 0 && dputl_time_due(set->active.Time, now))
+            start_active_server_probe(set);
+        if (set->backup.ena != 0 && dputl_time_due(set->backup.Time, now))
+            start_backup_server_probe(set);
     }
 }
 
 void dpsvr_check_dns_server_set_status() {
     const uint32_t now = dputl_get_current_time();
     for (servset* set = monitor_list; set != nullptr; set = set->next) {
-        DPSERV_TRACE(DP_PERIOD, "pSet=%p currTime=%d active(ena=%d) backup(ena=%d)\n", static_cast<void*>(set),
-                     static_cast<int>(now), set->active.ena, set->backup.ena);
+        DPSERV_TRACE(DP_PERIOD, "pSet=%p currTime=%d active(ena=%d) backup(ena=%d)\n",
+                     static_cast<void*>(set), static_cast<int>(now), set->active.ena,
+                     set->backup.ena);
         if (set->active.ena != 0) start_active_server_probe(set);
         if (set->backup.ena != 0) start_backup_server_probe(set);
     }
@@ -313,8 +350,8 @@ int dpsvr_handle_dns_server_probe_response(uint16_t transid) {
         const bool is_active = set->active.transid == transid;
         const bool is_backup = !is_active && set->backup.transid == transid;
         if (!is_active && !is_backup) continue;
-        DPSERV_TRACE(DP_DETAIL, "transid=0x%x found isactive=%d isbackup=%d\n", transid, is_active ? 1 : 0,
-                     is_backup ? 1 : 0);
+        DPSERV_TRACE(DP_DETAIL, "transid=0x%x found isactive=%d isbackup=%d\n", transid,
+                     is_active ? 1 : 0, is_backup ? 1 : 0);
         if (is_active) {
             DPSERV_TRACE(DP_PKT, "active DNS server probe transid=0x%x found\n", transid);
             stop_active_server_probe(set);

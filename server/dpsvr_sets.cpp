@@ -69,14 +69,15 @@ void parse_resolver_line(char* line, const char* dns_file, servset* v4_work, ser
     if (std::strcmp(tok[0], "nameserver") == 0) {
         const int ret = add_dns_server_to_server_set(tok[1], v4_work, v6_work);
         if (ret != 0) DPSERV_TRACE(DP_DETAIL, "ipstr=%s ret=%d\n", tok[1], ret);
-    } else if (std::strcmp(tok[0], "domain") == 0 && std::strcmp(dns_file, kSystemResolvFile) == 0) {
+    } else if (std::strcmp(tok[0], "domain") == 0 &&
+               std::strcmp(dns_file, kSystemResolvFile) == 0) {
         dpcfg_set_domain_name(tok[1]);
     }
 }
 
 void trace_set(const servset* set) {
-    DPSERV_TRACE(DP_DETAIL, "%s DNS servers num=%u policy=%u active=%u backup=%u\n", set->desc, set->num,
-                 set->policy, set->activeIdx, set->backupIdx);
+    DPSERV_TRACE(DP_DETAIL, "%s DNS servers num=%u policy=%u active=%u backup=%u\n", set->desc,
+                 set->num, set->policy, set->activeIdx, set->backupIdx);
     for (uint32_t i = 0; i < set->num; ++i) {
         DPSERV_TRACE(DP_DETAIL, "nameserver[%d]: %s UDPMAXPAYLOAD is %d\n", static_cast<int>(i),
                      set->servers[i].addrStr, set->servers[i].udpMaxPayload);
@@ -101,9 +102,12 @@ void dpsvr_init_server_sets() {
     dpsvr_purge_src_leases();
 }
 
-servset* dpsvr_get_server_set(uint32_t index) { return index < DPSVR_SET_COUNT ? set_table[index] : nullptr; }
+servset* dpsvr_get_server_set(uint32_t index) {
+    return index < DPSVR_SET_COUNT ? set_table[index] : nullptr;
+}
 
-int add_dns_server_to_server_set(const char* server_ip, servset* v4_serv_set, servset* v6_serv_set) {
+int add_dns_server_to_server_set(const char* server_ip, servset* v4_serv_set,
+                                 servset* v6_serv_set) {
     char text[46];
     servset* set;
     if (std::strchr(server_ip, '.') != nullptr) {
@@ -136,16 +140,17 @@ int add_dns_server_to_server_set(const char* server_ip, servset* v4_serv_set, se
 
 int load_server_set_from_file(const char* dns_file, servset* v4_set, servset* v6_set) {
     // Working sets are parsed apart from the live ones, so an unchanged file leaves them alone.
-    std::unique_ptr<servset, decltype(&std::free)> v4_work(static_cast<servset*>(std::calloc(1, sizeof(servset))),
-                                                           &std::free);
+    std::unique_ptr<servset, decltype(&std::free)> v4_work(
+        static_cast<servset*>(std::calloc(1, sizeof(servset))), &std::free);
     if (!v4_work) return -2;
-    std::unique_ptr<servset, decltype(&std::free)> v6_work(static_cast<servset*>(std::calloc(1, sizeof(servset))),
-                                                           &std::free);
+    std::unique_ptr<servset, decltype(&std::free)> v6_work(
+        static_cast<servset*>(std::calloc(1, sizeof(servset))), &std::free);
     if (!v6_work) return -3;
 
     if (FILE* f = std::fopen(dputl_fixed_path(dns_file).s, "r"); f != nullptr) {
         char line[256];
-        while (std::fgets(line, sizeof line, f) != nullptr) parse_resolver_line(line, dns_file, v4_work.get(), v6_work.get());
+        while (std::fgets(line, sizeof line, f) != nullptr)
+            parse_resolver_line(line, dns_file, v4_work.get(), v6_work.get());
         std::fclose(f);
     }
     const int v4_ret = v4_set != nullptr ? copy_working_set(*v4_work, v4_set) : -1;
@@ -169,22 +174,41 @@ int load_dns_servers(int is_v4_serv_set, uint32_t policy, const char* dns_file, 
         dpsvr_reset_probing(set);
         if (set->num >= 2 && set->policy == 1) dpsvr_join_monitor_list(set);
     }
-    DPSERV_TRACE(DP_DETAIL, "is_v4_serv_set=%d policy=%u ret=%d is_updated=%d desc=%s num=%u\n", is_v4_serv_set,
-                 static_cast<unsigned>(set->policy), ret, is_updated, set->desc, set->num);
+    DPSERV_TRACE(DP_DETAIL, "is_v4_serv_set=%d policy=%u ret=%d is_updated=%d desc=%s num=%u\n",
+                 is_v4_serv_set, static_cast<unsigned>(set->policy), ret, is_updated, set->desc,
+                 set->num);
     if (DP_TRACE_ON(DP_MOD_SERVER, DP_DETAIL)) trace_set(set);
     return set->num;
 }
 
-int dpsvr_load_v4_system_dns_servers() { return load_set(DPSVR_V4_SYSTEM); }
-int dpsvr_load_v6_system_dns_servers() { return load_set(DPSVR_V6_SYSTEM); }
-int dpsvr_load_v4_global_dns_servers() { return load_set(DPSVR_V4_GLOBAL); }
-int dpsvr_load_v4_filter_dns_servers() { return load_set(DPSVR_V4_FILTER); }
-int dpsvr_load_v6_global_dns_servers() { return load_set(DPSVR_V6_GLOBAL); }
-int dpsvr_load_v4_hsi_dns_servers() { return load_set(DPSVR_V4_HSI); }
-int dpsvr_load_v4_voip_dns_servers() { return load_set(DPSVR_V4_VOIP); }
-int dpsvr_load_v4_iptv_dns_servers() { return load_set(DPSVR_V4_IPTV); }
+int dpsvr_load_v4_system_dns_servers() {
+    return load_set(DPSVR_V4_SYSTEM);
+}
+int dpsvr_load_v6_system_dns_servers() {
+    return load_set(DPSVR_V6_SYSTEM);
+}
+int dpsvr_load_v4_global_dns_servers() {
+    return load_set(DPSVR_V4_GLOBAL);
+}
+int dpsvr_load_v4_filter_dns_servers() {
+    return load_set(DPSVR_V4_FILTER);
+}
+int dpsvr_load_v6_global_dns_servers() {
+    return load_set(DPSVR_V6_GLOBAL);
+}
+int dpsvr_load_v4_hsi_dns_servers() {
+    return load_set(DPSVR_V4_HSI);
+}
+int dpsvr_load_v4_voip_dns_servers() {
+    return load_set(DPSVR_V4_VOIP);
+}
+int dpsvr_load_v4_iptv_dns_servers() {
+    return load_set(DPSVR_V4_IPTV);
+}
 
-int dpsvr_load_system_dns_servers() { return dpsvr_load_v4_system_dns_servers() + dpsvr_load_v6_system_dns_servers(); }
+int dpsvr_load_system_dns_servers() {
+    return dpsvr_load_v4_system_dns_servers() + dpsvr_load_v6_system_dns_servers();
+}
 
 int dpsvr_load_all_dns_servers() {
     int total = dpsvr_load_v4_system_dns_servers();
@@ -206,21 +230,25 @@ void select_default_server_set(const dpsvr_select_request* request, servset** df
     DPSERV_TRACE(DP_DETAIL, "dflt_set=%p\n", static_cast<void*>(*dflt_set));
 }
 
-servset* dpsvr_get_hsi_server_set() { return &sets[DPSVR_V4_HSI]; }
+servset* dpsvr_get_hsi_server_set() {
+    return &sets[DPSVR_V4_HSI];
+}
 
 void dpsvr_set_primary_dns_status(const uint8_t* addr, int32_t active) {
     for (auto& set : sets) {
-        if (addr == nullptr || std::memcmp(set.servers[0].addr, addr, 16) == 0) set.primaryDnsActive = active;
+        if (addr == nullptr || std::memcmp(set.servers[0].addr, addr, 16) == 0)
+            set.primaryDnsActive = active;
     }
 }
 
 void dpsvr_dump_dns_servers() {
-    static constexpr const char* kRule = "===========================================================\n";
+    static constexpr const char* kRule =
+        "===========================================================\n";
     std::fputs("\nDNS Servers\n", stderr);
     std::fputs(kRule, stderr);
     for (const auto& set : sets) {
-        std::fprintf(stderr, "%s DNS servers num=%u policy=%u active=%u backup=%u\n", set.desc, set.num, set.policy,
-                     set.activeIdx, set.backupIdx);
+        std::fprintf(stderr, "%s DNS servers num=%u policy=%u active=%u backup=%u\n", set.desc,
+                     set.num, set.policy, set.activeIdx, set.backupIdx);
         for (uint32_t i = 0; i < set.num; ++i) {
             std::fprintf(stderr, "nameserver[%d]: %s UDPMAXPAYLOAD is %d\n", static_cast<int>(i),
                          set.servers[i].addrStr, set.servers[i].udpMaxPayload);

@@ -2,7 +2,14 @@
 // DNSPROXY_ROOT tree.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +20,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "main/dputl.h"
 
@@ -100,4 +108,66 @@ class TempRoot {
 
   private:
     std::string dir_;
+};
+
+// Moves the test process into a network namespace of its own with only the loopback interface,
+// up, so that tests can bind port 53 and run UDP servers on 127.0.0.0/8 without touching the
+// host. Needs root (CAP_SYS_ADMIN); returns false otherwise.
+inline bool enter_private_network() {
+    static int state = 0; // 0 not tried, 1 in, -1 failed
+    if (state != 0) return state > 0;
+    state = -1;
+    if (unshare(CLONE_NEWNET) != 0) return false;
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    struct ifreq ifr {};
+    std::snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "lo");
+    const bool up = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0 &&
+                    (ifr.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &ifr) == 0);
+    close(fd);
+    if (up) state = 1;
+    return up;
+}
+
+// A UDP server on an IPv4 loopback address and port 53 that records what arrives.
+class UdpPeer {
+  public:
+    explicit UdpPeer(const char* v4addr, uint16_t port = 53) : addr_(v4addr) {
+        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(port);
+        inet_pton(AF_INET, v4addr, &sa.sin_addr);
+        ok_ = bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+    }
+    ~UdpPeer() { close(fd_); }
+    bool ok() const { return ok_; }
+    // Every datagram waiting now (after up to wait_ms for the first one).
+    std::vector<std::vector<uint8_t>> received(int wait_ms = 200) {
+        std::vector<std::vector<uint8_t>> out;
+        pollfd p{fd_, POLLIN, 0};
+        if (poll(&p, 1, wait_ms) <= 0) return out;
+        for (;;) {
+            uint8_t buf[4096];
+            sockaddr_in6 from{};
+            socklen_t flen = sizeof from;
+            const ssize_t n =
+                recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+            if (n < 0) break;
+            out.emplace_back(buf, buf + n);
+            last_from_ = from;
+        }
+        return out;
+    }
+    // Sends bytes back to where the last datagram came from.
+    void reply(const std::vector<uint8_t>& bytes) {
+        sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&last_from_),
+               sizeof(sockaddr_in));
+    }
+    int fd() const { return fd_; }
+
+  private:
+    std::string addr_;
+    int fd_ = -1;
+    bool ok_ = false;
+    sockaddr_in6 last_from_{};
 };
