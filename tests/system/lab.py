@@ -10,10 +10,12 @@ and the namespaces are deleted, when the lab goes down.
 """
 
 import itertools
+import json
 import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -111,6 +113,29 @@ class Daemon:
             except subprocess.TimeoutExpired:
                 self.signal(signal.SIGKILL)
         return self.proc.wait(timeout=10)
+
+
+class Responder:
+    """A scriptable upstream server (responder.py) in the wan namespace."""
+
+    def __init__(self, proc, log_path, addr):
+        self.proc = proc
+        self.log_path = log_path
+        self.addr = addr
+
+    def queries(self):
+        if not self.log_path.exists():
+            return []
+        return [json.loads(line) for line in self.log_path.read_text().splitlines() if line.strip()]
+
+    def wait_queries(self, count=1, timeout=10.0, where=lambda q: True):
+        """Waits until count matching queries arrived; returns them."""
+        deadline = time.monotonic() + timeout
+        while True:
+            got = [q for q in self.queries() if where(q)]
+            if len(got) >= count or time.monotonic() >= deadline:
+                return got
+            time.sleep(0.05)
 
 
 class Lab:
@@ -221,6 +246,18 @@ class Lab:
         if ready:
             daemon.wait_ready()
         return daemon
+
+    def start_responder(self, addr, mode="answer", *extra):
+        """A responder on addr:53 in wan, ready when this returns."""
+        log = self.dir / f"responder-{addr}.jsonl"
+        argv = [sys.executable, str(Path(__file__).with_name("responder.py")), "--addr", addr, "--mode", mode,
+                "--log", str(log), *extra]
+        proc = subprocess.Popen(self.exec_argv("wan", argv), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                text=True)
+        self.processes.append(proc)
+        if proc.stdout.readline().strip() != "ready":
+            raise RuntimeError(f"responder on {addr} did not start")
+        return Responder(proc, log, addr)
 
     def bus_ping(self):
         r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
