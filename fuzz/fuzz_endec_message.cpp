@@ -4,6 +4,7 @@
 // dns_pkt whose bytes after the message are poisoned while they may only read.
 #include <sanitizer/asan_interface.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -102,6 +103,35 @@ void compose_all(const uint8_t* data, uint16_t size, const msginf& inf) {
     }
 }
 
+// The operations again with an index that is not this message's: the message's own bytes are
+// taken as the index and the length, as if a stale msginf were passed. Entries are decoded from
+// libFuzzer's exact-size buffer; the packet operations must stay inside the packet.
+void stale_index(const uint8_t* data, uint16_t size) {
+    msginf stale;
+    std::memset(&stale, 0, sizeof stale);
+    std::memcpy(&stale, data, std::min<size_t>(size, sizeof stale));
+    dns_rr rr;
+    for (const rrinf& e : stale.an)
+        dpendec_parse_dns_rr(data, size, &e, 0, &rr);
+    dpendec_parse_dns_rr(data, size, &stale.qd, 1, &rr);
+    const auto len = static_cast<uint16_t>(size < 2 ? size : data[0] << 8 | data[1]);
+    const auto reset = [&](packet& p) { p.pkt.len = len; };
+    packet ip(data, size, stale, false);
+    reset(ip);
+    int32_t ttl = 0;
+    char out[256 + DPENDEC_IPSTRS_SLACK];
+    dpendec_compose_ipstrs(&ip.pkt, &ttl, out, 256);
+    packet a(data, size, stale, false), ptr(data, size, stale, false);
+    packet rw(data, size, stale, false), rs(data, size, stale, false);
+    for (packet* p : {&a, &ptr, &rw, &rs})
+        reset(*p);
+    dpendec_compose_a_response(&a.pkt, "192.0.2.1");
+    dpendec_compose_ptr_response(&ptr.pkt, "gw.lan");
+    dpendec_replace_qname(&rw.pkt, "cdn.example.net");
+    dpendec_restore_qname(&rs.pkt, std::string(200, 'y').c_str());
+    FUZZ_CHECK(rs.pkt.len <= DPENDEC_MSG_SIZE || rs.pkt.len == len);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -112,6 +142,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > DPENDEC_MSG_SIZE) return -1; // no datagram read is longer
     const auto len = static_cast<uint16_t>(size);
+    stale_index(data, len);
     msginf inf;
     std::memset(&inf, 0xA5, sizeof inf); // stale contents must not leak into a result
     if (dpendec_compose_dns_msg_inf(data, len, &inf) != 1) return 0;
