@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -61,7 +60,7 @@ class wire_reader {
     // Jumps to an absolute offset (a compression pointer's target); beyond the end is an error.
     void seek(size_t pos) {
         pos_ = pos;
-        bad_ = pos > msg_.size();
+        bad_ = bad_ || pos > msg_.size();
     }
 
   private:
@@ -286,6 +285,7 @@ void dump_entries(const rrinf* entries, int n) {
 // question: a pointer to the question name, class IN, TTL 0 (clients must not cache it).
 int append_local_answer(dns_pkt* pkt, uint16_t type, std::span<const uint8_t> rdata) {
     const msginf& info = pkt->inf;
+    if (info.offsetof1stanRR + 12u + rdata.size() > DPENDEC_MSG_SIZE) return -1;
     const auto flags =
         static_cast<uint16_t>((info.flags | kFlagQR | kFlagRA) & ~(kFlagAA | kRcodeMask));
     const dns_header h = {info.id, flags, info.qdcount, 1, 0, 0};
