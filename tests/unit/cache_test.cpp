@@ -2,8 +2,9 @@
 // and count, the table files and the dump.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <string>
-#include <vector>
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
