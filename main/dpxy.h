@@ -55,6 +55,28 @@ void handle_signal(int signo);
 // Exit hook: closes the JSON services and prints the preexit line.
 void preexit();
 
+struct dp_peer_addr;
+struct msginf;
+
+// The query pipeline: one query from a client (source 0), the local-address resolver (1) or a
+// module (2). 0 answered or forwarded; -2 pcb table full, -3 format error, -4 not a query,
+// -5 answered or dropped by a policy.
+int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq, const dp_peer_addr* client,
+                     const uint8_t* packet, uint16_t len);
+// "HandleQueryRequest": a 260-byte record (u32 AAAA flag, name char[256]) resolved as an
+// internal query whose answer goes out as a module query response.
+int dpxy_handle_query_request(const uint8_t* record, uint32_t len);
+// What is left of the force-URL budget (starts at 10).
+uint32_t dpxy_force_url_count();
+
+// Service status detection: the 20-second probe action and its answer.
+int send_auto_query_probe_packet(void* parm);
+// -50 a good answer to the current probe (service up), -60 anything else.
+int handle_auto_query_probe_response(uint16_t server_id, const msginf* answer);
+void dpxy_reset_status_probe();
+void dpxy_start_status_probe();
+uint32_t dpxy_status_failed_count();
+
 // Returned by the packet handlers when the socket has nothing more to read.
 inline constexpr int DPXY_DRAINED = 1;
 

@@ -1,7 +1,10 @@
 #include <cstring>
 
+#include "cache/dpcache.h"
+#include "config/dpcfg.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
+#include "edns/dpedns.h"
 #include "endec/dpendec.h"
 #include "io/dpio.h"
 #include "main/dpxy.h"
@@ -37,7 +40,65 @@ void process_primary_dns_status(const dp_peer_addr& from, const msginf& info) {
     dpsvr_set_primary_dns_status(from.addr, rcode == 0 ? 1 : 0);
 }
 
-int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
+// Local-address resolver and modules: the answer's addresses, or status -1 without any.
+int respond_to_requester(dpxy_pcb* pcb, dns_pkt& pkt) {
+    if (pkt.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
+        pcb->response_count++;
+        return -2;
+    }
+    char ipstrs[256 + DPENDEC_IPSTRS_SLACK] = "";
+    int32_t ttl = 0;
+    int32_t result = -1;
+    if (pkt.inf.ancount != 0) {
+        dpendec_compose_ipstrs(&pkt, &ttl, ipstrs, 255);
+        result = 0;
+    }
+    const uint32_t aaaa = pkt.inf.qtype == DPENDEC_TYPE_AAAA ? 1 : 0;
+    if (pcb->source == DPXY_SRC_LOCAL) {
+        dpio_send_csmsg_query_response(aaaa, pkt.inf.name, result, ttl, ipstrs);
+    } else {
+        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, pkt.inf.name, result, ttl,
+                                           ipstrs);
+    }
+    remove_proxy_ctrlblk(pcb);
+    return 0;
+}
+
+int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n", pcb->client_id,
+                 pcb->server_id, pcb->query_count, pcb->response_count, pkt.inf.ancount, pcb->d2d_name);
+    const bool has_d2d = pcb->d2d_name[0] != '\0';
+    // An empty answer while other servers may still answer better is held, not relayed.
+    if (pkt.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
+        pcb->response_count++;
+        if (has_d2d) dpendec_restore_qname(&pkt, pcb->d2d_name);
+        pcb->pkt_len = pkt.len;
+        std::memcpy(pcb->pkt, pkt.buf, pkt.len);
+        return -2;
+    }
+    if (pkt.inf.ancount != 0 && dpcfg_is_dyn_cache_feat_enabled() != 0) {
+        dpcache_add_dync_cache(pkt.inf.qtype, pkt.inf.name, pkt.inf.hostaddr, static_cast<uint32_t>(pkt.inf.ttl));
+    }
+    if (has_d2d) dpendec_restore_qname(&pkt, pcb->d2d_name);
+    pkt.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
+    pkt.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
+    send_packet_x(&pcb->client, pkt.buf, pkt.len);
+    remove_proxy_ctrlblk(pcb);
+    if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
+    return 0;
+}
+
+// Undoes what the proxy did to the query's EDNS on the way out.
+void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt, const uint8_t* backup) {
+    if (pcb->edns_mode == DPXY_EDNS_NONE) return;
+    if (pcb->edns_mode != DPXY_EDNS_STRIP) {
+        dpedns_update_edns_payload(backup, pkt.buf, &pkt.len, &pkt.inf);
+    } else {
+        dpedns_strip_option41(backup, pkt.buf, &pkt.len, &pkt.inf);
+    }
+}
+
+int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const uint8_t* copy) {
     // 3. parse
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
@@ -52,29 +113,42 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
         return -30;
     }
     // 5. 6. primary status
-    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name,
-                 pkt.inf.hostaddr);
+    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name, pkt.inf.hostaddr);
     process_primary_dns_status(from, pkt.inf);
     // 7. 8. the pending query, else a probe
     dpxy_pcb* pcb = dpxy_find_pcb(pkt.inf.id);
     if (pcb == nullptr) {
         DPMAIN_TRACE(DP_DETAIL, "no record for server_id=0x%x\n", pkt.inf.id);
         if (dpsvr_handle_dns_server_probe_response(pkt.inf.id) >= 0) return -40;
-        return -60;
+        return handle_auto_query_probe_response(pkt.inf.id, &pkt.inf);
     }
-    return -70;
+    // 9. 10. undo the proxy's EDNS changes
+    if (dpcfg_is_edns_enabled() != 0) undo_edns(pcb, pkt, copy);
+    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", pkt.inf.id,
+                 static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count, pcb->response_count);
+    // 11. to whoever asked
+    switch (pcb->source) {
+    case DPXY_SRC_LOCAL:
+    case DPXY_SRC_MODULE:
+        return respond_to_requester(pcb, pkt);
+    case DPXY_SRC_CLIENT:
+        return handle_response_to_sock(pcb, pkt);
+    default:
+        return -70;
+    }
 }
 
 } // namespace
 
 int dpxy_handle_client_packet(int fd) {
-    static dns_pkt pkt;
+    static uint8_t buf[DPXY_MAX_PACKET];
     dp_peer_addr from;
-    const int ret = dpio_read_packet(fd, &from, pkt.buf, sizeof pkt.buf, &pkt.len);
+    uint16_t len = 0;
+    const int ret = dpio_read_packet(fd, &from, buf, sizeof buf, &len);
     if (ret == 0) return DPXY_DRAINED;
     if (ret < 0) return ret;
     dp_stats.client_packet_recv++;
-    return 0;
+    return handle_dns_query(DPXY_SRC_CLIENT, "", 0, &from, buf, len);
 }
 
 int dpxy_handle_server_packet(int fd) {
@@ -88,7 +162,9 @@ int dpxy_handle_server_packet(int fd) {
         return ret;
     }
     dp_stats.server_packet_recv++;
-    ret = handle_dns_response(from, pkt);
+    static uint8_t copy[DPXY_MAX_PACKET];
+    std::memcpy(copy, pkt.buf, pkt.len);
+    ret = handle_dns_response(from, pkt, copy);
     DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
     return ret;
 }

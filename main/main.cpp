@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
     dpsvr_load_all_dns_servers();
     dpcache_reload_all();
     create_client_socket();
+    // 6.7 6.8 service status detection
+    dpxy_reset_status_probe();
+    if (dpcfg_is_service_status_detect_feat_enabled() != 0) dpxy_start_status_probe();
 
     // 7. bus loop registrations; the tick is both the periodic handler and the event observer
     ombusRegisterPollingSocket(dpio_get_client_fd(), dpxy_dispatch_socket, 0, 0);

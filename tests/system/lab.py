@@ -36,6 +36,35 @@ WAN_V6 = ["2001:db8:2::53"]
 
 _serial = itertools.count()
 
+# The sample zone served by the lab's authoritative server.
+SAMPLE_ZONE = """$ORIGIN lab.example.
+$TTL 3600
+@       SOA  ns.lab.example. hostmaster.lab.example. 1 3600 600 86400 300
+@       NS   ns
+ns      A    198.51.100.55
+www     A    203.0.113.10
+www     AAAA 2001:db8:3::10
+mail    A    203.0.113.25
+@       MX   10 mail
+cdn     A    203.0.113.30
+cdn     A    203.0.113.31
+alias   CNAME www
+"""
+
+KNOT_CONF = """server:
+    rundir: "{dir}"
+    listen: [ {listen} ]
+database:
+    storage: "{dir}/db"
+log:
+  - target: stderr
+    any: info
+zone:
+  - domain: lab.example
+    storage: "{dir}"
+    file: "lab.example.zone"
+"""
+
 BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -259,6 +288,39 @@ class Lab:
             raise RuntimeError(f"responder on {addr} did not start")
         return Responder(proc, log, addr)
 
+    def start_knot(self, addrs=(WAN_V4[2], WAN_V6[0]), detach=False):
+        """knotd in wan, authoritative for lab.example (see SAMPLE_ZONE), ready when this returns."""
+        kdir = self.dir / "knot"
+        (kdir / "db").mkdir(parents=True, exist_ok=True)
+        (kdir / "lab.example.zone").write_text(SAMPLE_ZONE)
+        listen = ", ".join(f"{a}@53" for a in addrs)
+        (kdir / "knot.conf").write_text(KNOT_CONF.format(dir=kdir, listen=listen))
+        log = open(self.dir / "knot.log", "w")
+        proc = subprocess.Popen(self.exec_argv("wan", ["knotd", "-c", str(kdir / "knot.conf")]),
+                                stdout=log, stderr=log, stdin=subprocess.DEVNULL, start_new_session=detach)
+        self.processes.append(proc)
+        deadline = time.monotonic() + 15
+        while time.monotonic() < deadline:
+            r = run(self.exec_argv("wan", ["dig", f"@{addrs[0]}", "www.lab.example", "A", "+short", "+time=1",
+                                           "+tries=1"]), check=False)
+            if r.stdout.strip() == "203.0.113.10":
+                return proc
+            if proc.poll() is not None:
+                break
+            time.sleep(0.1)
+        raise RuntimeError("knotd did not start: " + (self.dir / "knot.log").read_text())
+
+    def query(self, name=None, qtype="A", server=GW_LAN_V4, ns="lan", timeout=2.0, **opts):
+        """One query from a lan client with dnsclient.py; its JSON result (see that file)."""
+        argv = ["/usr/bin/python3", str(Path(__file__).with_name("dnsclient.py")), "--server", server,
+                "--type", qtype, "--timeout", str(timeout)]
+        if name is not None:
+            argv += ["--name", name]
+        for key, value in opts.items():
+            argv += [f"--{key}", str(value)]
+        r = run(self.exec_argv(ns, argv), timeout=timeout + 20)
+        return json.loads(r.stdout)
+
     def bus_ping(self):
         r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
                  OBJECT_PATH, "org.freedesktop.DBus.Peer.Ping"], check=False, env=self.env())
@@ -268,9 +330,14 @@ class Lab:
 
     def state(self):
         """What down() of a later process needs: names, folder and the PIDs started here."""
-        procs = [(p.pid, "dbus-daemon") for p in self.processes] + [(d.pid, "dnsproxy") for d in self.daemons]
-        return {"tag": self.tag, "dir": str(self.dir), "with_netns": self.with_netns,
-                "pids": [{"pid": pid, "comm": comm} for pid, comm in procs]}
+        pids = [p.pid for p in self.processes] + [d.pid for d in self.daemons]
+        entries = []
+        for pid in pids:  # the command name now, to recognise the process later
+            try:
+                entries.append({"pid": pid, "comm": Path(f"/proc/{pid}/comm").read_text().strip()})
+            except FileNotFoundError:
+                pass
+        return {"tag": self.tag, "dir": str(self.dir), "with_netns": self.with_netns, "pids": entries}
 
     @staticmethod
     def down_from_state(state):
@@ -278,7 +345,7 @@ class Lab:
         for entry in state["pids"]:
             pid = entry["pid"]
             try:  # a PID reused by another program since is left alone
-                if Path(f"/proc/{pid}/comm").read_text().strip() != entry["comm"][:15]:
+                if Path(f"/proc/{pid}/comm").read_text().strip() != entry["comm"]:
                     continue
                 os.kill(pid, signal.SIGTERM)
             except (FileNotFoundError, ProcessLookupError):
