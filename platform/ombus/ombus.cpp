@@ -280,11 +280,15 @@ void send_text_reply(DBusConnection* conn, DBusMessage* call, const char* text) 
 void finish_call(DBusConnection* conn, ombusParcel* p, const char* interface, const char* member,
                  const ombusMethodDesc* desc) {
     char text[512];
+    if (!p->answered && desc == nullptr) {
+        std::snprintf(text, sizeof text, "no method %s in %s", member, interface);
+        send_error(conn, p->call, DBUS_ERROR_UNKNOWN_METHOD, text);
+        return;
+    }
     if (!p->answered) {
         std::snprintf(text, sizeof text, "%s of %s was not answered", member, interface);
-        send_error(conn, p->call, desc == nullptr ? DBUS_ERROR_UNKNOWN_METHOD : DBUS_ERROR_FAILED,
-                   text);
-        if (desc != nullptr) std::fprintf(stderr, "ombus: %s\n", text);
+        std::fprintf(stderr, "ombus: %s\n", text);
+        send_error(conn, p->call, DBUS_ERROR_FAILED, text);
         return;
     }
     if (p->reply == nullptr && !p->write_failed)
