@@ -142,16 +142,45 @@ conn_ptr reach_daemon(const kiv_daemon& daemon) {
     return conn;
 }
 
+// The bus's error for a refused message, if one came back for serial; "" otherwise. The bus
+// reports a refusal only to messages that expect replies, and answers in order, so once a later
+// call to the bus has been answered any such error has already arrived.
+std::string refusal_of(DBusConnection* conn, dbus_uint32_t serial, const kiv_daemon& daemon) {
+    bus_error err;
+    dbus_bus_name_has_owner(conn, daemon.bus_name, &err.err);
+    std::string refusal;
+    while (msg_ptr m{dbus_connection_pop_message(conn)}) {
+        if (dbus_message_get_type(m.get()) != DBUS_MESSAGE_TYPE_ERROR ||
+            dbus_message_get_reply_serial(m.get()) != serial) {
+            continue;
+        }
+        const char* text = "";
+        dbus_message_get_args(m.get(), nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        refusal = std::string(dbus_message_get_error_name(m.get())) + ": " + text;
+    }
+    return refusal;
+}
+
 bool send_message(DBusConnection* conn, const kiv_daemon& daemon, const std::string& text) {
     msg_ptr msg(dbus_message_new_signal(kSenderPath, daemon.interface, kSignalMember));
     const char* arg = text.c_str();
+    dbus_uint32_t serial = 0;
     if (msg == nullptr || !dbus_message_set_destination(msg.get(), daemon.bus_name) ||
-        !dbus_message_append_args(msg.get(), DBUS_TYPE_STRING, &arg, DBUS_TYPE_INVALID) ||
-        !dbus_connection_send(conn, msg.get(), nullptr)) {
+        !dbus_message_append_args(msg.get(), DBUS_TYPE_STRING, &arg, DBUS_TYPE_INVALID)) {
+        std::fprintf(stderr, "kiv_cli: cannot build the message for %s\n", daemon.word);
+        return false;
+    }
+    dbus_message_set_no_reply(msg.get(), FALSE); // so that a refusal is reported
+    if (!dbus_connection_send(conn, msg.get(), &serial)) {
         std::fprintf(stderr, "kiv_cli: cannot send the command to %s\n", daemon.word);
         return false;
     }
-    dbus_connection_flush(conn);
+    const std::string refusal = refusal_of(conn, serial, daemon);
+    if (!refusal.empty()) {
+        std::fprintf(stderr, "kiv_cli: the bus refused the command for %s: %s\n", daemon.word,
+                     refusal.c_str());
+        return false;
+    }
     return true;
 }
 
