@@ -25,6 +25,100 @@ char* trim(char* s) {
     return s;
 }
 
+// The CLI matcher works on a copy of the line and the spans of its words.
+constexpr size_t kCliLineMax = 1024;
+constexpr int kCliWordsMax = 32;
+
+struct cli_span {
+    size_t start;
+    size_t end; // one past the last character
+};
+
+struct cli_line {
+    char text[kCliLineMax];
+    size_t length;
+    cli_span words[kCliWordsMax];
+    int count;
+};
+
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+// Copies the line and finds its words; false when it is too long or has too many words.
+bool split_cli_line(const char* line, cli_line* out) {
+    out->length = std::strlen(line);
+    if (out->length >= kCliLineMax) return false;
+    std::memcpy(out->text, line, out->length + 1);
+    out->count = 0;
+    size_t i = 0;
+    while (i < out->length) {
+        while (i < out->length && is_blank(out->text[i]))
+            ++i;
+        if (i == out->length) break;
+        if (out->count == kCliWordsMax) return false;
+        const size_t start = i;
+        while (i < out->length && !is_blank(out->text[i]))
+            ++i;
+        out->words[out->count++] = {start, i};
+    }
+    return true;
+}
+
+bool span_equals(const cli_line& line, const cli_span& w, const char* word, size_t len) {
+    return w.end - w.start == len && strncasecmp(line.text + w.start, word, len) == 0;
+}
+
+// The number of line words a row's command words take, or -1 when they do not lead the line.
+int match_command_words(const cli_line& line, const char* words) {
+    int matched = 0;
+    const char* p = words;
+    while (true) {
+        while (*p == ' ')
+            ++p;
+        if (*p == '\0') return matched;
+        const size_t len = std::strcspn(p, " ");
+        if (matched == line.count || !span_equals(line, line.words[matched], p, len)) return -1;
+        ++matched;
+        p += len;
+    }
+}
+
+bool is_listed_word(const cli_line& line, const cli_span& w, const char* list) {
+    if (list == nullptr) return false;
+    for (const char* p = list; *p != '\0';) {
+        const size_t len = std::strcspn(p, "|");
+        if (len > 0 && span_equals(line, w, p, len)) return true;
+        p += len;
+        if (*p == '|') ++p;
+    }
+    return false;
+}
+
+// Checks the row's arguments against the words from first on and fills argv (NUL-terminating
+// the words in the line's copy); false when they do not fit.
+bool bind_cli_args(const kutl_cli_cmd& row, cli_line* line, int first, const char** argv) {
+    const int given = line->count - first;
+    if (row.argc < 0 || row.argc > KUTL_CLI_MAX_ARGS) return false;
+    const bool rest_is_text = row.argc > 0 && row.args[row.argc - 1].kind == KUTL_CLI_ARG_TEXT;
+    if (given != row.argc && !(rest_is_text && given > row.argc)) return false;
+    for (int i = 0; i < row.argc; ++i) {
+        const cli_span& w = line->words[first + i];
+        if (row.args[i].kind == KUTL_CLI_ARG_WORDS && !is_listed_word(*line, w, row.args[i].words))
+            return false;
+        if (row.args[i].kind > KUTL_CLI_ARG_WORDS) return false;
+    }
+    // Terminate only now: the rest-of-line argument spans later words' ends.
+    for (int i = 0; i < row.argc; ++i) {
+        const cli_span& w = line->words[first + i];
+        const bool last = i == row.argc - 1;
+        const size_t end = last && rest_is_text ? line->words[line->count - 1].end : w.end;
+        line->text[end] = '\0';
+        argv[i] = line->text + w.start;
+    }
+    return true;
+}
+
 template <size_t N>
 int word_index(const char* const (&words)[N], const char* word) {
     if (word == nullptr) return -1;
@@ -104,4 +198,24 @@ int kutl_redirect_printf(const char* path) {
     const bool ok = dup2(fd, STDOUT_FILENO) >= 0 && dup2(fd, STDERR_FILENO) >= 0;
     close(fd);
     return ok ? 0 : -1;
+}
+
+int kutl_process_cli_cmd(const kutl_cli_cmd* table, int rows, const char* command_line) {
+    if (table == nullptr || command_line == nullptr) return KUTL_CLI_NO_MATCH;
+    cli_line line;
+    if (!split_cli_line(command_line, &line)) return KUTL_CLI_TOO_LONG;
+    int best = -1;
+    int best_words = 0;
+    for (int r = 0; r < rows; ++r) {
+        const int n = match_command_words(line, table[r].words);
+        if (n > best_words) {
+            best = r;
+            best_words = n;
+        }
+    }
+    if (best < 0) return KUTL_CLI_NO_MATCH;
+    const char* argv[KUTL_CLI_MAX_ARGS] = {};
+    if (!bind_cli_args(table[best], &line, best_words, argv)) return KUTL_CLI_BAD_ARGS;
+    if (table[best].handler != nullptr) table[best].handler(table[best].argc, argv);
+    return KUTL_CLI_OK;
 }

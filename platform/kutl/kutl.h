@@ -36,3 +36,50 @@ int kutl_get_int_by_int(const kutl_int_pair* table, int rows, int key, int dflt)
 // Reopens standard output and standard error on path (a terminal, a FIFO or a file).
 // 0 on success; -1 when the path cannot be opened, and output stays where it was.
 int kutl_redirect_printf(const char* path);
+
+// ---- CLI command table ------------------------------------------------------------------------
+//
+// A command line is split into words at blanks and tabs (runs count as one separator; a trailing
+// CR or LF is ignored). A row matches when its command words equal the line's leading words,
+// compared whole and without regard to case (no abbreviations). When several rows match, the one
+// with the most command words wins, the first of those in table order on a tie. The words after
+// the command are the row's arguments, checked by kind:
+//   KUTL_CLI_ARG_UNCHECKED  one word, passed as typed; the handler parses it;
+//   KUTL_CLI_ARG_TEXT       one word; as the row's last argument it takes the rest of the line,
+//                           inner blanks kept (a path or a message with blanks arrives whole);
+//   KUTL_CLI_ARG_WORDS      one of the listed words ("a|b|c|", compared without regard to case),
+//                           passed as typed.
+// Otherwise the number of argument words must equal the row's argument count.
+
+enum kutl_cli_arg_kind : uint32_t {
+    KUTL_CLI_ARG_UNCHECKED = 0,
+    KUTL_CLI_ARG_TEXT = 1,
+    KUTL_CLI_ARG_WORDS = 2,
+};
+
+constexpr int KUTL_CLI_MAX_ARGS = 4;
+
+struct kutl_cli_arg {
+    kutl_cli_arg_kind kind;
+    const char* words; // KUTL_CLI_ARG_WORDS: the accepted words, each ended by "|"
+};
+
+// Receives the argument words (argc of them), valid for the call only.
+using kutl_cli_handler = int (*)(int argc, const char* const* argv);
+
+struct kutl_cli_cmd {
+    const char* words; // command words, e.g. "view statistic"
+    int argc;          // number of arguments that follow, at most KUTL_CLI_MAX_ARGS
+    kutl_cli_arg args[KUTL_CLI_MAX_ARGS];
+    kutl_cli_handler handler;
+};
+
+enum kutl_cli_result : int {
+    KUTL_CLI_OK = 0,        // a row's handler ran (its own result is not passed on)
+    KUTL_CLI_NO_MATCH = -1, // no row's command words lead the line
+    KUTL_CLI_BAD_ARGS = -2, // the matching row's arguments do not fit
+    KUTL_CLI_TOO_LONG = -3, // more than 1023 characters or 32 words
+};
+
+// Matches command_line against the table and runs the matching row's handler.
+int kutl_process_cli_cmd(const kutl_cli_cmd* table, int rows, const char* command_line);

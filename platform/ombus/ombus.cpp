@@ -8,7 +8,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -29,6 +32,24 @@ struct bus_timeout {
     int64_t due_ms;
 };
 
+// A method interface of the object. Kept in a fixed array so that a dispatcher that registers
+// more never moves the entry being served.
+constexpr int kMaxServices = 8;
+constexpr size_t kBusNameMax = 256; // D-Bus names are at most 255 characters
+
+struct service_reg {
+    char interface[kBusNameMax];
+    const void* service;
+    ombusServiceDispatcher dispatcher;
+    std::vector<ombusMethodDesc> methods; // names point into the registrant's static table
+};
+
+struct emitted_signal {
+    std::string interface;
+    std::string member;
+    std::string signature;
+};
+
 // The loop's registrations. Registration happens at start-up; the vectors are sized once and the
 // per-wake-up pollfd array is rebuilt in place, so the loop itself does not allocate.
 struct loop_state {
@@ -41,8 +62,16 @@ struct loop_state {
     DBusConnection* conn = nullptr;
     bool connect_failed = false;
     bool disconnected = false;
-    bool quit = false;
+    volatile sig_atomic_t quit = 0; // may be set from a signal handler
     int status = OMBUS_OK;
+
+    std::string object_path;
+    bool object_registered = false;
+    service_reg services[kMaxServices];
+    int service_count = 0;
+    std::vector<emitted_signal> emitted;
+    std::string introspect_xml;
+    std::vector<ombusInterestedSignal> signals;
 };
 
 loop_state loop;
@@ -58,10 +87,29 @@ int set_status(int status) {
     return status;
 }
 
+// ---- libdbus helpers -------------------------------------------------------------------------
+
+struct message_unref {
+    void operator()(DBusMessage* m) const { dbus_message_unref(m); }
+};
+using msg_ptr = std::unique_ptr<DBusMessage, message_unref>;
+
+// A DBusError that frees itself.
+struct bus_error {
+    DBusError err;
+    bus_error() { dbus_error_init(&err); }
+    ~bus_error() { dbus_error_free(&err); }
+    bus_error(const bus_error&) = delete;
+    bus_error& operator=(const bus_error&) = delete;
+    bool set() const { return dbus_error_is_set(&err); }
+    const char* text() const { return set() ? err.message : "unknown error"; }
+};
+
 // ---- libdbus watch and time-out hooks --------------------------------------------------------
 
 dbus_bool_t add_watch(DBusWatch* watch, void*) {
     loop.watches.push_back(watch);
+    loop.pfds.reserve(loop.sockets.size() + loop.watches.size() + 4);
     return TRUE;
 }
 
@@ -87,11 +135,54 @@ void toggle_timeout(DBusTimeout* timeout, void*) {
     }
 }
 
-DBusHandlerResult watch_disconnect(DBusConnection*, DBusMessage* msg, void*) {
+// ---- received signals ------------------------------------------------------------------------
+
+struct signal_payload {
+    const void* data = nullptr;
+    uint32_t length = 0;
+};
+
+signal_payload first_argument(DBusMessage* msg) {
+    DBusMessageIter it;
+    if (!dbus_message_iter_init(msg, &it)) return {};
+    const int type = dbus_message_iter_get_arg_type(&it);
+    if (type == DBUS_TYPE_STRING) {
+        const char* text = nullptr;
+        dbus_message_iter_get_basic(&it, &text);
+        return {text, static_cast<uint32_t>(std::strlen(text))};
+    }
+    if (type == DBUS_TYPE_ARRAY && dbus_message_iter_get_element_type(&it) == DBUS_TYPE_BYTE) {
+        DBusMessageIter sub;
+        dbus_message_iter_recurse(&it, &sub);
+        const unsigned char* bytes = nullptr;
+        int n = 0;
+        dbus_message_iter_get_fixed_array(&sub, &bytes, &n);
+        return {bytes, static_cast<uint32_t>(n)};
+    }
+    return {};
+}
+
+void deliver_signal(DBusMessage* msg) {
+    const char* interface = dbus_message_get_interface(msg);
+    const char* member = dbus_message_get_member(msg);
+    if (interface == nullptr || member == nullptr) return;
+    for (const auto& row : loop.signals) {
+        if (std::strcmp(row.interface, interface) != 0 || std::strcmp(row.member, member) != 0)
+            continue;
+        // The handler may replace the table: take what is needed first, and stop here.
+        const ombusSignalHandler handler = row.handler;
+        const signal_payload payload = first_argument(msg);
+        handler(interface, member, payload.data, payload.length);
+        return;
+    }
+}
+
+DBusHandlerResult on_bus_message(DBusConnection*, DBusMessage* msg, void*) {
     if (dbus_message_is_signal(msg, DBUS_INTERFACE_LOCAL, "Disconnected")) {
         loop.disconnected = true;
         return DBUS_HANDLER_RESULT_HANDLED;
     }
+    if (dbus_message_get_type(msg) == DBUS_MESSAGE_TYPE_SIGNAL) deliver_signal(msg);
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
@@ -99,35 +190,269 @@ void close_connection() {
     if (loop.conn == nullptr) return;
     dbus_connection_set_watch_functions(loop.conn, nullptr, nullptr, nullptr, nullptr, nullptr);
     dbus_connection_set_timeout_functions(loop.conn, nullptr, nullptr, nullptr, nullptr, nullptr);
-    dbus_connection_remove_filter(loop.conn, watch_disconnect, nullptr);
+    dbus_connection_remove_filter(loop.conn, on_bus_message, nullptr);
     dbus_connection_close(loop.conn);
     dbus_connection_unref(loop.conn);
     loop.conn = nullptr;
+    loop.object_registered = false;
     loop.watches.clear();
     loop.bus_timeouts.clear();
 }
 
 DBusConnection* connect_bus() {
     if (loop.conn != nullptr || loop.connect_failed) return loop.conn;
-    DBusError err;
-    dbus_error_init(&err);
-    DBusConnection* conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, &err);
+    bus_error err;
+    DBusConnection* conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, &err.err);
     if (conn == nullptr) {
-        std::fprintf(stderr, "ombus: cannot connect to the system bus: %s\n",
-                     dbus_error_is_set(&err) ? err.message : "unknown error");
-        dbus_error_free(&err);
+        std::fprintf(stderr, "ombus: cannot connect to the system bus: %s\n", err.text());
         loop.connect_failed = true;
         return nullptr;
     }
     // A lost bus must not end the daemon: DNS service goes on without the control plane.
     dbus_connection_set_exit_on_disconnect(conn, FALSE);
-    dbus_connection_add_filter(conn, watch_disconnect, nullptr, nullptr);
+    dbus_connection_add_filter(conn, on_bus_message, nullptr, nullptr);
     dbus_connection_set_watch_functions(conn, add_watch, remove_watch, toggle_watch, nullptr,
                                         nullptr);
     dbus_connection_set_timeout_functions(conn, add_timeout, remove_timeout, toggle_timeout,
                                           nullptr, nullptr);
     loop.conn = conn;
     return conn;
+}
+
+} // namespace
+
+// ---- the object: method calls and introspection -----------------------------------------------
+
+// The call being served. Arguments are read in order from the call; the reply is made on the
+// first write.
+struct ombusParcel {
+    DBusMessage* call;
+    DBusMessageIter in;
+    bool has_arg;
+    msg_ptr reply;
+    DBusMessageIter out;
+    bool write_failed = false;
+    bool answered = false;
+
+    explicit ombusParcel(DBusMessage* msg) : call(msg) {
+        has_arg = dbus_message_iter_init(call, &in);
+    }
+};
+
+namespace {
+
+const ombusMethodDesc* find_method(const service_reg& svc, const char* member) {
+    for (const auto& m : svc.methods) {
+        if (std::strcmp(m.name, member) == 0) return &m;
+    }
+    return nullptr;
+}
+
+// The interface a call is for; a call without an interface goes to the first that describes it.
+service_reg* find_service(const char* interface, const char* member) {
+    for (int i = 0; i < loop.service_count; ++i) {
+        service_reg& svc = loop.services[i];
+        if (interface != nullptr ? std::strcmp(svc.interface, interface) == 0
+                                 : find_method(svc, member) != nullptr) {
+            return &svc;
+        }
+    }
+    return nullptr;
+}
+
+void send_error(DBusConnection* conn, DBusMessage* call, const char* name, const char* text) {
+    if (dbus_message_get_no_reply(call)) return;
+    msg_ptr err(dbus_message_new_error(call, name, text));
+    if (err != nullptr) dbus_connection_send(conn, err.get(), nullptr);
+}
+
+void send_text_reply(DBusConnection* conn, DBusMessage* call, const char* text) {
+    msg_ptr reply(dbus_message_new_method_return(call));
+    if (reply == nullptr ||
+        !dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) {
+        return;
+    }
+    dbus_connection_send(conn, reply.get(), nullptr);
+}
+
+// Sends what the dispatcher made of the call: its reply, or an error so the caller never hangs.
+void finish_call(DBusConnection* conn, ombusParcel* p, const char* interface, const char* member,
+                 const ombusMethodDesc* desc) {
+    char text[512];
+    if (!p->answered && desc == nullptr) {
+        std::snprintf(text, sizeof text, "no method %s in %s", member, interface);
+        send_error(conn, p->call, DBUS_ERROR_UNKNOWN_METHOD, text);
+        return;
+    }
+    if (!p->answered) {
+        std::snprintf(text, sizeof text, "%s of %s was not answered", member, interface);
+        std::fprintf(stderr, "ombus: %s\n", text);
+        send_error(conn, p->call, DBUS_ERROR_FAILED, text);
+        return;
+    }
+    if (p->reply == nullptr && !p->write_failed)
+        p->reply.reset(dbus_message_new_method_return(p->call));
+    if (p->write_failed || p->reply == nullptr) {
+        send_error(conn, p->call, DBUS_ERROR_NO_MEMORY, "the reply could not be built");
+        return;
+    }
+    if (desc != nullptr && !dbus_message_has_signature(p->reply.get(), desc->out_signature)) {
+        std::snprintf(text, sizeof text, "%s of %s replied (%s), described as (%s)", member,
+                      interface, dbus_message_get_signature(p->reply.get()), desc->out_signature);
+        std::fprintf(stderr, "ombus: %s\n", text);
+        send_error(conn, p->call, DBUS_ERROR_FAILED, text);
+        return;
+    }
+    if (!dbus_message_get_no_reply(p->call)) dbus_connection_send(conn, p->reply.get(), nullptr);
+}
+
+DBusHandlerResult on_object_message(DBusConnection* conn, DBusMessage* msg, void*) {
+    if (dbus_message_get_type(msg) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    if (dbus_message_is_method_call(msg, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
+        send_text_reply(conn, msg, loop.introspect_xml.c_str());
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    const char* member = dbus_message_get_member(msg);
+    const service_reg* svc = find_service(dbus_message_get_interface(msg), member);
+    if (svc == nullptr) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED; // libdbus answers UnknownMethod
+    const ombusMethodDesc* desc = find_method(*svc, member);
+    if (desc != nullptr && !dbus_message_has_signature(msg, desc->in_signature)) {
+        char text[512];
+        std::snprintf(text, sizeof text, "%s of %s takes (%s), not (%s)", member, svc->interface,
+                      desc->in_signature, dbus_message_get_signature(msg));
+        std::fprintf(stderr, "ombus: %s\n", text);
+        send_error(conn, msg, DBUS_ERROR_INVALID_ARGS, text);
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    ombusParcel parcel(msg);
+    svc->dispatcher(svc->service, member, &parcel);
+    finish_call(conn, &parcel, svc->interface, member, desc);
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+// One <arg> per complete type of the signature.
+void append_xml_args(std::string* xml, const char* signature, const char* direction) {
+    if (signature == nullptr || signature[0] == '\0') return;
+    DBusSignatureIter it;
+    dbus_signature_iter_init(&it, signature);
+    do {
+        char* type = dbus_signature_iter_get_signature(&it);
+        *xml += "   <arg type=\"";
+        *xml += type;
+        *xml += '"';
+        if (direction != nullptr) {
+            *xml += " direction=\"";
+            *xml += direction;
+            *xml += '"';
+        }
+        *xml += "/>\n";
+        dbus_free(type);
+    } while (dbus_signature_iter_next(&it));
+}
+
+void append_xml_methods(std::string* xml, const char* interface) {
+    const service_reg* svc = find_service(interface, nullptr);
+    if (svc == nullptr) return;
+    for (const auto& m : svc->methods) {
+        *xml += std::string("  <method name=\"") + m.name + "\">\n";
+        append_xml_args(xml, m.in_signature, "in");
+        append_xml_args(xml, m.out_signature, "out");
+        *xml += "  </method>\n";
+    }
+}
+
+void append_xml_signals(std::string* xml, const std::string& interface) {
+    for (const auto& sig : loop.emitted) {
+        if (sig.interface != interface) continue;
+        *xml += "  <signal name=\"" + sig.member + "\">\n";
+        append_xml_args(xml, sig.signature.c_str(), nullptr);
+        *xml += "  </signal>\n";
+    }
+}
+
+// The object's introspection data, remade on every registration: one element per interface, with
+// its methods and the signals emitted on it. Every name in it was validated as a D-Bus name, so
+// none needs escaping.
+void build_introspection() {
+    std::vector<std::string> interfaces;
+    for (int i = 0; i < loop.service_count; ++i)
+        interfaces.emplace_back(loop.services[i].interface);
+    for (const auto& sig : loop.emitted) {
+        if (std::find(interfaces.begin(), interfaces.end(), sig.interface) == interfaces.end())
+            interfaces.push_back(sig.interface);
+    }
+    std::string& xml = loop.introspect_xml;
+    xml = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE;
+    xml += "<node>\n"
+           " <interface name=\"" DBUS_INTERFACE_INTROSPECTABLE "\">\n"
+           "  <method name=\"Introspect\">\n"
+           "   <arg type=\"s\" direction=\"out\"/>\n"
+           "  </method>\n"
+           " </interface>\n"
+           " <interface name=\"" DBUS_INTERFACE_PEER "\">\n"
+           "  <method name=\"Ping\"/>\n"
+           "  <method name=\"GetMachineId\">\n"
+           "   <arg type=\"s\" direction=\"out\"/>\n"
+           "  </method>\n"
+           " </interface>\n";
+    for (const auto& interface : interfaces) {
+        xml += " <interface name=\"" + interface + "\">\n";
+        append_xml_methods(&xml, interface.c_str());
+        append_xml_signals(&xml, interface);
+        xml += " </interface>\n";
+    }
+    xml += "</node>\n";
+}
+
+bool valid_signature(const char* signature) {
+    return signature != nullptr && dbus_signature_validate(signature, nullptr);
+}
+
+bool valid_methods(const ombusMethodDesc* methods, int n) {
+    if (n < 0 || (n > 0 && methods == nullptr)) return false;
+    for (int i = 0; i < n; ++i) {
+        if (methods[i].name == nullptr || !dbus_validate_member(methods[i].name, nullptr) ||
+            !valid_signature(methods[i].in_signature) ||
+            !valid_signature(methods[i].out_signature)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The object is registered with the first interface, at the owned name's path.
+int register_object() {
+    if (loop.object_registered) return OMBUS_OK;
+    if (loop.conn == nullptr || loop.object_path.empty()) return OMBUS_ERR_REGISTER;
+    static const DBusObjectPathVTable vtable = {nullptr, on_object_message, nullptr,
+                                                nullptr, nullptr,           nullptr};
+    bus_error err;
+    if (!dbus_connection_try_register_object_path(loop.conn, loop.object_path.c_str(), &vtable,
+                                                  nullptr, &err.err)) {
+        std::fprintf(stderr, "ombus: cannot serve %s: %s\n", loop.object_path.c_str(), err.text());
+        return OMBUS_ERR_REGISTER;
+    }
+    loop.object_registered = true;
+    return OMBUS_OK;
+}
+
+int call_match(const char* rule, bool add) {
+    DBusConnection* conn = connect_bus();
+    if (conn == nullptr) return set_status(OMBUS_ERR_CONNECT);
+    if (rule == nullptr) return set_status(OMBUS_ERR_ARGUMENT);
+    bus_error err;
+    if (add) {
+        dbus_bus_add_match(conn, rule, &err.err);
+    } else {
+        dbus_bus_remove_match(conn, rule, &err.err);
+    }
+    if (err.set()) {
+        std::fprintf(stderr, "ombus: cannot %s match rule %s: %s\n", add ? "add" : "remove", rule,
+                     err.text());
+        return set_status(OMBUS_ERR_MATCH);
+    }
+    return set_status(OMBUS_OK);
 }
 
 // ---- one iteration ---------------------------------------------------------------------------
@@ -285,18 +610,180 @@ DBusConnection* ombusGetConnection() {
 int ombusOwnName(const char* name) {
     DBusConnection* conn = connect_bus();
     if (conn == nullptr) return set_status(OMBUS_ERR_CONNECT);
-    DBusError err;
-    dbus_error_init(&err);
-    const int ret = dbus_bus_request_name(conn, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, &err);
-    if (dbus_error_is_set(&err)) {
-        std::fprintf(stderr, "ombus: cannot own %s: %s\n", name, err.message);
-        dbus_error_free(&err);
+    if (name == nullptr || !dbus_validate_bus_name(name, nullptr) || name[0] == ':')
+        return set_status(OMBUS_ERR_ARGUMENT);
+    bus_error err;
+    const int ret = dbus_bus_request_name(conn, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, &err.err);
+    if (err.set()) {
+        std::fprintf(stderr, "ombus: cannot own %s: %s\n", name, err.text());
         return set_status(OMBUS_ERR_NAME);
     }
     if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
         ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
         std::fprintf(stderr, "ombus: %s is owned by another connection\n", name);
         return set_status(OMBUS_ERR_NAME);
+    }
+    if (loop.object_path.empty()) {
+        loop.object_path = std::string("/") + name;
+        std::replace(loop.object_path.begin(), loop.object_path.end(), '.', '/');
+    }
+    return set_status(OMBUS_OK);
+}
+
+const char* ombusGetObjectPath() {
+    return loop.object_path.c_str();
+}
+
+int ombusRegisterService(const char* interface, const void* service,
+                         ombusServiceDispatcher dispatcher, const ombusMethodDesc* methods,
+                         int n_methods) {
+    if (interface == nullptr || !dbus_validate_interface(interface, nullptr) ||
+        dispatcher == nullptr || !valid_methods(methods, n_methods)) {
+        return set_status(OMBUS_ERR_ARGUMENT);
+    }
+    if (find_service(interface, nullptr) != nullptr || loop.service_count == kMaxServices)
+        return set_status(OMBUS_ERR_FULL);
+    const int status = register_object();
+    if (status != OMBUS_OK) return set_status(status);
+    service_reg& svc = loop.services[loop.service_count++];
+    std::snprintf(svc.interface, sizeof svc.interface, "%s", interface);
+    svc.service = service;
+    svc.dispatcher = dispatcher;
+    svc.methods.assign(methods, methods + n_methods);
+    build_introspection();
+    return set_status(OMBUS_OK);
+}
+
+int ombusDeclareEmittedSignal(const char* interface, const char* member, const char* signature) {
+    if (interface == nullptr || !dbus_validate_interface(interface, nullptr) || member == nullptr ||
+        !dbus_validate_member(member, nullptr) || !valid_signature(signature)) {
+        return set_status(OMBUS_ERR_ARGUMENT);
+    }
+    loop.emitted.push_back({interface, member, signature});
+    build_introspection();
+    return set_status(OMBUS_OK);
+}
+
+int ombusParcelReadU32(ombusParcel* p, uint32_t* value) {
+    if (p == nullptr || value == nullptr || !p->has_arg ||
+        dbus_message_iter_get_arg_type(&p->in) != DBUS_TYPE_UINT32) {
+        return -1;
+    }
+    dbus_uint32_t v = 0;
+    dbus_message_iter_get_basic(&p->in, &v);
+    *value = v;
+    p->has_arg = dbus_message_iter_next(&p->in);
+    return 0;
+}
+
+int ombusParcelReadString(ombusParcel* p, const char** text) {
+    if (p == nullptr || text == nullptr || !p->has_arg ||
+        dbus_message_iter_get_arg_type(&p->in) != DBUS_TYPE_STRING) {
+        return -1;
+    }
+    dbus_message_iter_get_basic(&p->in, text);
+    p->has_arg = dbus_message_iter_next(&p->in);
+    return 0;
+}
+
+int ombusParcelReadBytes(ombusParcel* p, const uint8_t** data, uint32_t* length) {
+    if (p == nullptr || data == nullptr || length == nullptr || !p->has_arg ||
+        dbus_message_iter_get_arg_type(&p->in) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(&p->in) != DBUS_TYPE_BYTE) {
+        return -1;
+    }
+    DBusMessageIter sub;
+    dbus_message_iter_recurse(&p->in, &sub);
+    const unsigned char* bytes = nullptr;
+    int n = 0;
+    dbus_message_iter_get_fixed_array(&sub, &bytes, &n);
+    *data = bytes;
+    *length = static_cast<uint32_t>(n);
+    p->has_arg = dbus_message_iter_next(&p->in);
+    return 0;
+}
+
+namespace {
+// The reply to append to, made on the first write; null once a write failed.
+DBusMessageIter* reply_iter(ombusParcel* p) {
+    if (p == nullptr || p->write_failed) return nullptr;
+    if (p->reply == nullptr) {
+        p->reply.reset(dbus_message_new_method_return(p->call));
+        if (p->reply == nullptr) {
+            p->write_failed = true;
+            return nullptr;
+        }
+        dbus_message_iter_init_append(p->reply.get(), &p->out);
+    }
+    return &p->out;
+}
+
+int append_basic(ombusParcel* p, int type, const void* value) {
+    DBusMessageIter* out = reply_iter(p);
+    if (out == nullptr) return -1;
+    if (!dbus_message_iter_append_basic(out, type, value)) {
+        p->write_failed = true;
+        return -1;
+    }
+    return 0;
+}
+} // namespace
+
+int ombusParcelWriteU32(ombusParcel* p, uint32_t value) {
+    const dbus_uint32_t v = value;
+    return append_basic(p, DBUS_TYPE_UINT32, &v);
+}
+
+int ombusParcelWriteString(ombusParcel* p, const char* text) {
+    if (text == nullptr || !dbus_validate_utf8(text, nullptr)) return -1;
+    return append_basic(p, DBUS_TYPE_STRING, &text);
+}
+
+void ombusParcelSetAnswered(ombusParcel* p) {
+    if (p != nullptr) p->answered = true;
+}
+
+int ombusAddInterestedSignal(const char* match_rule) {
+    return call_match(match_rule, true);
+}
+
+int ombusRemoveMatch(const char* match_rule) {
+    return call_match(match_rule, false);
+}
+
+int ombusSetInteresetedSignals(const ombusInterestedSignal* table, int count) {
+    if (count < 0 || (count > 0 && table == nullptr)) return set_status(OMBUS_ERR_ARGUMENT);
+    for (int i = 0; i < count; ++i) {
+        // Rows are compared as texts: each field must end inside its 64 bytes.
+        if (std::memchr(table[i].interface, '\0', sizeof table[i].interface) == nullptr ||
+            std::memchr(table[i].member, '\0', sizeof table[i].member) == nullptr ||
+            table[i].handler == nullptr) {
+            return set_status(OMBUS_ERR_ARGUMENT);
+        }
+    }
+    loop.signals.assign(table, table + count);
+    return set_status(OMBUS_OK);
+}
+
+int ombusEmitSignal(const char* path, const char* interface, const char* member, const void* bytes,
+                    uint32_t length) {
+    DBusConnection* conn = connect_bus();
+    if (conn == nullptr) return set_status(OMBUS_ERR_CONNECT);
+    if (path == nullptr || !dbus_validate_path(path, nullptr) || interface == nullptr ||
+        !dbus_validate_interface(interface, nullptr) || member == nullptr ||
+        !dbus_validate_member(member, nullptr) || (bytes == nullptr && length > 0) ||
+        length > DBUS_MAXIMUM_ARRAY_LENGTH) {
+        return set_status(OMBUS_ERR_ARGUMENT);
+    }
+    static const unsigned char kNone = 0;
+    const unsigned char* data = length > 0 ? static_cast<const unsigned char*>(bytes) : &kNone;
+    const int n = static_cast<int>(length);
+    msg_ptr msg(dbus_message_new_signal(path, interface, member));
+    if (msg == nullptr ||
+        !dbus_message_append_args(msg.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &data, n,
+                                  DBUS_TYPE_INVALID) ||
+        !dbus_connection_send(conn, msg.get(), nullptr)) {
+        return set_status(OMBUS_ERR_SEND);
     }
     return set_status(OMBUS_OK);
 }
@@ -312,7 +799,7 @@ int ombusMainLoop() {
     sigdelset(&wait_mask, SIGINT);
     sigdelset(&wait_mask, SIGTERM);
 
-    loop.quit = false;
+    loop.quit = 0;
     while (!loop.quit) {
         const size_t nsockets = build_poll_set();
         const int wait = next_wait_ms(now_ms());
@@ -339,7 +826,7 @@ int ombusMainLoop() {
 }
 
 void ombusQuitMainLoop() {
-    loop.quit = true;
+    loop.quit = 1;
 }
 
 int ombus_get_status_value() {
@@ -363,6 +850,13 @@ void ombusReset() {
     loop.observers.clear();
     loop.pfds.clear();
     loop.connect_failed = false;
-    loop.quit = false;
+    loop.quit = 0;
     loop.status = OMBUS_OK;
+    loop.object_path.clear();
+    for (int i = 0; i < loop.service_count; ++i)
+        loop.services[i].methods.clear();
+    loop.service_count = 0;
+    loop.emitted.clear();
+    loop.introspect_xml.clear();
+    loop.signals.clear();
 }

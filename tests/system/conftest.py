@@ -16,3 +16,13 @@ def lab():
         yield lab
     finally:
         lab.down()
+
+
+@pytest.fixture
+def bus_lab():
+    """A private bus and DNSPROXY_ROOT without network namespaces, for bus-only tests."""
+    lab = Lab(with_netns=False).up()
+    try:
+        yield lab
+    finally:
+        lab.down()
