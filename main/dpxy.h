@@ -66,6 +66,9 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
 // "HandleQueryRequest": a 260-byte record (u32 AAAA flag, name char[256]) resolved as an
 // internal query whose answer goes out as a module query response.
 int dpxy_handle_query_request(const uint8_t* record, uint32_t len);
+// A DHCP lease update: u32 action (0 add, 1 delete), then the 128-byte lease record.
+inline constexpr uint32_t DPXY_LEASE_UPDATE_SIZE = 132;
+int dpxy_update_lease(const uint8_t* payload);
 // What is left of the force-URL budget (starts at 10).
 uint32_t dpxy_force_url_count();
 

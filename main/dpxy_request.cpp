@@ -1,4 +1,5 @@
-// Name-resolution requests of other gateway modules, answered through the module channel.
+// Requests of other gateway daemons to the proxy core: name resolutions answered through the
+// module channel, and DHCP lease updates.
 #include <arpa/inet.h>
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include "io/dpio.h"
 #include "main/dpxy.h"
 #include "main/dpxy_pcb.h"
+#include "server/dpsvr.h"
 
 namespace {
 constexpr uint32_t kRequestSize = 260; // u32 AAAA flag, then the name as char[256]
@@ -33,4 +35,13 @@ int dpxy_handle_query_request(const uint8_t* record, uint32_t len) {
     const int qlen = dpendec_compose_query_a(query, sizeof query, name);
     if (qlen < 0) return -2;
     return handle_dns_query(DPXY_SRC_LOCAL, "", 0, &self, query, static_cast<uint16_t>(qlen));
+}
+
+int dpxy_update_lease(const uint8_t* payload) {
+    uint32_t action = 0;
+    std::memcpy(&action, payload, sizeof action);
+    const uint8_t* record = payload + sizeof action;
+    if (action == 0) return dpsvr_add_src_lease(record);
+    if (action == 1) return dpsvr_delete_src_lease(record);
+    return -1;
 }

@@ -6,6 +6,8 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_cli.h"
+#include "ctrl/dp_json.h"
 #include "ctrl/dp_service.h"
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
@@ -17,13 +19,16 @@
 
 namespace {
 constexpr const char* kServiceName = "orvik.kiv.dnsproxy";
+constexpr const char* kJsonApiItf = "orvik.kiv.dnsproxy.itf.json.api";
+constexpr const char* kJsonMsgItf = "orvik.kiv.dnsproxy.itf.json.msg";
 } // namespace
 
 int main(int argc, char** argv) {
     // 1. start line
     std::fprintf(stderr, "\ndnsproxy is started with pid=%d\n", static_cast<int>(getpid()));
-    // 2. trace masks and log configuration
+    // 2. trace masks and log configuration; the output the CLI returns to after each command
     dp_debug_init();
+    dp_cli_init();
     // 3. exit hook
     std::atexit(preexit);
     // 4. signals
@@ -57,7 +62,12 @@ int main(int argc, char** argv) {
     ombusRegisterPollingTimeOutHandler(1000, dpxy_tick, 1, 0);
     ombusRegisterPollingEventObserver(dpxy_tick, 2, 0);
     rcsd_init(kServiceName);
+    rcsd_register_json_api_interface(kJsonApiItf);
+    rcsd_register_sync_method_handler(kJsonApiItf, "kivInvoke", rjson_process_kiv_method);
+    rcsd_register_message_handler(kJsonMsgItf, "kivMessage", rjson_process_kiv_message);
     rjson_init(kServiceName);
+    rjson_add_json_messages(kJsonMsgItf, dp_json_messages, DP_JSON_MESSAGES);
+    rjson_add_json_methods(kJsonApiItf, dp_json_methods, DP_JSON_METHODS);
     start_kiv_dnsproxy_service();
     std::exit(0);
 }

@@ -124,3 +124,32 @@ servset* dpsvr_monitor_list_head();
 
 // Frees every entry of the source-lease table.
 void dpsvr_purge_src_leases();
+
+// ---- bus signal handlers ----------------------------------------------------------------------
+//
+// Each is called with the received signal's interface and member (either may be null) and its
+// first argument; it traces itself and does one thing, whose result it returns.
+#define DPSVR_SIGNAL_HANDLER_DECL(name) int name(const char* itf, const char* signal, const void* payload, uint32_t length)
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_system_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_filter_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v6_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_hsi_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_voip_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_iptv_dns_servers_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_d2a_cache_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_d2d_cache_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_hosts_cache_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_name_filter_db_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_dhcp_cond_pool_update_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_disable_force_register_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_enable_force_register_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_disable_lock_net);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_enable_lock_net);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_lock_net_whitelist_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_disable_dslite_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_enable_dslite_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_disable_redirect_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_enable_redirect_signal);
+DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_first_wan_ifname_for_dns_filter_signal);
+#undef DPSVR_SIGNAL_HANDLER_DECL

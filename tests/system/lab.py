@@ -33,6 +33,7 @@ GW_WAN_V4 = "198.51.100.1"
 GW_WAN_V6 = "2001:db8:2::1"
 WAN_V4 = ["198.51.100.53", "198.51.100.54", "198.51.100.55"]
 WAN_V6 = ["2001:db8:2::53"]
+KNOT_ADDR = WAN_V4[2]  # the authoritative server for lab.example
 
 _serial = itertools.count()
 
