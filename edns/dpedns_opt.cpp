@@ -1,6 +1,7 @@
 // OPT records on the wire: finding, counting and validating them, their payload sizes, and the
 // client-MAC option put into a query and the proxy's own record taken out of the answer.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <span>
 
@@ -58,8 +59,7 @@ bool entry_fits(const rrinf& e, uint16_t len) {
 // Indexes the header's arcount additional records one after another from the first indexed
 // one and hands each to visit(idx, entry), which returns 0 to go on; any other value ends the
 // walk and is returned. kWalkMalformed (traced) when a record cannot be indexed; 0 when every
-// record was visited. Visitors must not return kWalkMalformed for their own failures unless the
-// caller maps both alike.
+// record was visited.
 template <typename Visit>
 int walk_additional(const uint8_t* msg, uint16_t len, const msginf* info, Visit visit) {
     size_t off = info->ar.offset;
@@ -127,15 +127,19 @@ uint16_t min_server_payload() {
 
 // ---- insertion and stripping steps ----------------------------------------------------------
 
-// The 32-byte OPT record for a query that has none; its last 21 bytes are the option alone.
-struct own_opt_record {
-    uint8_t bytes[DPEDNS_OPT_RECORD_LEN];
-    std::span<const uint8_t> option() const {
-        return {bytes + DPEDNS_OPT_RECORD_LEN - DPEDNS_MAC_OPTION_LEN, DPEDNS_MAC_OPTION_LEN};
-    }
-};
+using mac_option = std::array<uint8_t, DPEDNS_MAC_OPTION_LEN>;
+using own_opt_record = std::array<uint8_t, DPEDNS_OPT_RECORD_LEN>;
 
-// mac: the 17 text bytes, NUL-terminated.
+// The option alone: code 0xFE31, length 17, the text bytes (mac: 17 characters and a NUL).
+mac_option make_mac_option(const char* mac) {
+    mac_option option{};
+    put_u16(option, 0, DPEDNS_OPT_CLIENT_MAC);
+    put_u16(option, 2, DPEDNS_MAC_TEXT_LEN);
+    std::memcpy(option.data() + kOptionHeader, mac, DPEDNS_MAC_TEXT_LEN);
+    return option;
+}
+
+// The OPT record for a query that has none: root owner, payload 523, TTL 0, the option.
 own_opt_record compose_edns_header(const char* mac) {
     DPMAIN_TRACE(DP_PKT, "compose_edns_header Entered..\n");
     DPMAIN_TRACE(DP_PKT, "name:%x,type:%d,xclass:%d,ttl:%d rdlen : %d\n", 0, DPEDNS_TYPE_OPT,
@@ -143,20 +147,18 @@ own_opt_record compose_edns_header(const char* mac) {
     DPMAIN_TRACE(DP_PKT, "opcode:%x, oplen:%d,opdata:%s\n", DPEDNS_OPT_CLIENT_MAC,
                  DPEDNS_MAC_TEXT_LEN, mac);
     own_opt_record rec{};
-    const std::span<uint8_t> out(rec.bytes);
-    put_u16(out, 1, DPEDNS_TYPE_OPT);
-    put_u16(out, kPayloadOffset, kOwnPayload);
-    put_u16(out, kRdlenOffset, DPEDNS_MAC_OPTION_LEN); // TTL at 5..8 stays 0
-    put_u16(out, 11, DPEDNS_OPT_CLIENT_MAC);
-    put_u16(out, 13, DPEDNS_MAC_TEXT_LEN);
-    std::memcpy(rec.bytes + 15, mac, DPEDNS_MAC_TEXT_LEN);
+    put_u16(rec, 1, DPEDNS_TYPE_OPT);
+    put_u16(rec, kPayloadOffset, kOwnPayload);
+    put_u16(rec, kRdlenOffset, DPEDNS_MAC_OPTION_LEN); // the TTL at 5..8 stays 0
+    const mac_option option = make_mac_option(mac);
+    std::copy(option.begin(), option.end(), rec.end() - option.size());
     DPMAIN_TRACE(DP_PKT, "compose_edns_header Exit..\n");
     return rec;
 }
 
-// Opens a gap of n bytes at offset at of a message of *len bytes in a buffer of
-// DPENDEC_MSG_SIZE, moving what follows up, and fills it with bytes. false (nothing moved) when
-// at lies beyond the message or the result would not fit the buffer.
+// Inserts bytes at offset at of a message of *len bytes in a buffer of DPENDEC_MSG_SIZE, moving
+// what follows up. false (nothing moved) when at lies beyond the message or the result would not
+// fit the buffer.
 bool splice_in(uint8_t* msg, uint16_t* len, size_t at, std::span<const uint8_t> bytes) {
     if (at > *len || *len + bytes.size() > DPENDEC_MSG_SIZE) return false;
     std::memmove(msg + at + bytes.size(), msg + at, *len - at);
@@ -175,13 +177,13 @@ bool cut_out(uint8_t* msg, uint16_t* len, size_t at, size_t n) {
 
 int insert_edns_header(uint8_t* msg, uint16_t* len, const own_opt_record& rec) {
     DPMAIN_TRACE(DP_PKT, "insert_edns_header Enter..\n");
-    if (!splice_in(msg, len, *len, rec.bytes)) return -1;
+    if (!splice_in(msg, len, *len, rec)) return -1;
     DPMAIN_TRACE(DP_PKT, "insert_edns_header Exit..\n");
     return 0;
 }
 
-// Puts the option behind the end of the client's OPT record, which grows by 21 bytes; a payload
-// size above 1024 comes down to 1024 so that the answer fits what the LAN side takes.
+// Puts the option behind the end of the client's OPT record, which grows by 21 bytes. A payload
+// size above 1024 comes down to 1024: no longer answer would be read from the server socket.
 int append_mac_header(uint8_t* msg, uint16_t* len, const rrinf& opt,
                       std::span<const uint8_t> option) {
     DPMAIN_TRACE(DP_PKT, "append_mac_header Enter..\n");
@@ -405,6 +407,7 @@ int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info) {
         return -1;
     }
     // The answer must fit the smallest payload any upstream server takes, less some margin.
+    // (Servers are added with 544, so no value between 1 and 31 comes here to wrap.)
     const uint16_t low = min_server_payload();
     uint16_t payload = kLargeServerPayload;
     if (low == 0)
@@ -419,7 +422,6 @@ int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info) {
 
 int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len, const char* mac,
                              msginf* info, int* had_opt) {
-    DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Enter..\n");
     if (*len > DPENDEC_MSG_SIZE) return 0; // not a message of this buffer
     char text[DPEDNS_MAC_TEXT_SIZE] = {};
     std::memcpy(text, mac, strnlen(mac, DPEDNS_MAC_TEXT_LEN));
@@ -429,11 +431,11 @@ int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
     if (is_edns_present(msg, *len, info, &opt) < 0) {
         const own_opt_record rec = compose_edns_header(text);
         // No room for the record (a query the validation would have refused): nothing changes.
-        ret = *len + sizeof rec.bytes > DPENDEC_MSG_SIZE ? -1 : modify_array_count(msg, *len, 1);
+        ret = *len + rec.size() > DPENDEC_MSG_SIZE ? -1 : modify_array_count(msg, *len, 1);
         if (ret == 0) ret = insert_edns_header(msg, len, rec);
     } else {
         *had_opt = 1;
-        ret = append_mac_header(msg, len, opt, compose_edns_header(text).option());
+        ret = append_mac_header(msg, len, opt, make_mac_option(text));
     }
     if (ret == 0) {
         *info = {};
@@ -444,16 +446,18 @@ int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
         restore_message(backup, msg, len);
         *info = kept;
     }
-    DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Exit..\n");
     return 0;
 }
 
 int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
                            const dp_peer_addr* client, msginf* info, int* had_opt) {
+    DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Enter..\n");
     // Cleared first: a client of another kind is "found" without any text written.
     char mac[DPEDNS_MAC_TEXT_SIZE] = {};
-    if (dpedns_find_mac(client, mac) != 0) return 0;
-    return dpedns_insert_mac_option(backup, msg, len, mac, info, had_opt);
+    if (dpedns_find_mac(client, mac) == 0)
+        dpedns_insert_mac_option(backup, msg, len, mac, info, had_opt);
+    DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Exit..\n");
+    return 0;
 }
 
 int dpedns_strip_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len, msginf* info) {
