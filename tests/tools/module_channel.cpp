@@ -6,8 +6,6 @@
 //     module_channel request <type> <size>        registration-state request
 //     module_channel status up|down               service status indication
 //     module_channel query-response <aaaa> <name> <result> <ttl> <ipstrs>
-//     module_channel module-reply <tag> <seq> <aaaa> <name> <result> <ttl> <ipstrs>
-//     module_channel receive <size>               one incoming message
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,23 +50,6 @@ int run(int argc, char** argv) {
         dpio_send_csmsg_query_response(static_cast<uint32_t>(num(argv[2])), argv[3], num(argv[4]),
                                        num(argv[5]), argv[6]);
         std::printf("done\n");
-        return 0;
-    }
-    if (op == "module-reply" && argc == 9) {
-        dpio_send_query_response_to_module(argv[2], num(argv[3]),
-                                           static_cast<uint32_t>(num(argv[4])), argv[5],
-                                           num(argv[6]), num(argv[7]), argv[8]);
-        std::printf("done\n");
-        return 0;
-    }
-    if (op == "receive" && argc == 3) {
-        const uint32_t size = static_cast<uint32_t>(num(argv[2]));
-        std::vector<uint8_t> data(size + 1u, 0);
-        csMsgHeader hdr{};
-        uint32_t got = 0;
-        const int ret = dpio_receive_csmsg(&hdr, data.data(), size, &got);
-        std::printf("ret=%d type=0x%x src=%u len=%u data=%s\n", ret, hdr.type, hdr.src, got,
-                    hex(data.data(), got).c_str());
         return 0;
     }
     std::fprintf(stderr, "module_channel: unknown operation or wrong arguments\n");
