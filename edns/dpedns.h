@@ -1,17 +1,102 @@
 // EDNS handling: inspection and validation of OPT records, the payload checks, and the
 // client-MAC option (0xFE31) inserted into queries and stripped from answers.
+//
+// The OPT functions read the payload size at record offset 3 and RDLENGTH at record offset 9,
+// which is right only for the one-byte root owner name that every real OPT record has; a record
+// with another owner name is edited at those offsets all the same, inside the record. Every read
+// and write stays inside the message length given, and the editing functions stay inside the
+// 2048-byte message buffer (DPENDEC_MSG_SIZE) whatever the message holds.
+//
+// Trace lines use tag "DPMAIN" under the proxy module's mask: entry, exit and "found" lines at
+// level pkt, errors at level detail.
 #pragma once
 
 #include <cstdint>
 
 #include "endec/dpendec.h"
+#include "io/dpio.h"
 
 inline constexpr uint16_t DPEDNS_TYPE_OPT = 41;
+inline constexpr uint16_t DPEDNS_OPT_CLIENT_MAC = 0xFE31;
+inline constexpr uint16_t DPEDNS_MAC_TEXT_LEN = 17;        // "02:00:00:00:00:10"
+inline constexpr uint16_t DPEDNS_MAC_TEXT_SIZE = 18;       // with its NUL
+inline constexpr uint16_t DPEDNS_OPT_RECORD_LEN = 32;      // the OPT record the proxy appends
+inline constexpr uint16_t DPEDNS_MAC_OPTION_LEN = 21;      // code, length and the MAC text
+inline constexpr uint16_t DPEDNS_MAX_QUERY_LEN = 992;      // largest query that may get options
+inline constexpr uint16_t DPEDNS_MAX_OPT_RDLEN = 224;      // largest OPT RDLENGTH of such a query
+inline constexpr uint16_t DPEDNS_QUERY_PAYLOAD_CAP = 1024; // payload size of a query we extend
+
+// Where is_edns_option_fe31_present found the option.
+struct edns_option_pos {
+    uint16_t offset; // of the option's code, from the start of the message
+    uint16_t code;
+    uint16_t length;
+};
+
+// ---- inspection -----------------------------------------------------------------------------
 
 // The first OPT record of the additional section: 0 and its index entry, or -1 (none, no
 // additional records, or a malformed record).
 int is_edns_present(const uint8_t* msg, uint16_t len, const msginf* info, rrinf* opt);
 
-// Whether a query may go to a server accepting udpMaxPayload bytes: 0 yes, -1 no. A query that
-// advertises payload 0 gets the server's value written into its OPT record.
+// Number of OPT records in the additional section; -1 no additional records, -2 a record is
+// malformed, -3 a record cannot be decoded.
+int get_edns_array_count(const uint8_t* msg, uint16_t len, const msginf* info);
+
+// Looks for option 0xFE31 in the first 256 bytes of the OPT record's RDATA: 0 found (pos
+// filled), -1 not found or the record cannot be decoded.
+int is_edns_option_fe31_present(const uint8_t* msg, uint16_t len, const rrinf* opt,
+                                edns_option_pos* pos);
+
+// Adds 1 to the header's arcount (action 1) or takes 1 from it (action 0). 0, or -1 for a
+// message shorter than 12 bytes or an arcount of 0 to decrement (the message is left as it is).
+int modify_array_count(uint8_t* msg, uint16_t len, int action);
+
+// 0 when the first OPT record's RDLENGTH is at most 224 (or there are no additional records);
+// -1 a record is malformed; -3 RDLENGTH too large.
+int is_edns_rd_len_valid(const uint8_t* msg, uint16_t len, const msginf* info);
+
+// Whether a client's query may receive the proxy's EDNS option: 0 yes; -3 longer than 992 bytes
+// or an OPT RDLENGTH over 224 (drop silently); -1 more than one OPT record; -2 it carries 0xFE31
+// already.
+int dpedns_is_valid_edns_rr(const uint8_t* msg, uint16_t len, const msginf* info);
+
+// ---- payload sizes --------------------------------------------------------------------------
+
+// Whether a query may go to a server accepting udpMaxPayload bytes: 0 yes, -1 no. Only a query
+// longer than udpMaxPayload whose OPT record advertises a non-zero size is refused; a query
+// advertising 0 gets the server's value written into its OPT record and is sent.
 int dpedns_check_packet_payload(uint8_t* msg, uint16_t len, uint16_t udpMaxPayload);
+
+// Rewrites a server response's OPT payload size from the smallest udpMaxPayload of all eight
+// server sets (4096 when none is smaller): 480 for 0, that value - 32 below 1024, else 992.
+// 0, or -1 when the response has no OPT record.
+int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info);
+
+// ---- the client-MAC option ------------------------------------------------------------------
+
+// The client's MAC address as text into mac (at least 18 bytes). IPv4 clients (kind 1, address
+// in the last 4 bytes) from the kernel's ARP table on "br0", upper case; IPv6 clients (kind 2)
+// from the neighbour table as "ip -6 n s" prints it (lower case). 0 found; -1 not found or not
+// complete. Any other kind returns 0 without writing.
+int dpedns_find_mac(const dp_peer_addr* client, char* mac);
+
+// Adds the client's MAC option to a query that dpedns_is_valid_edns_rr accepted. msg is the
+// query's 2048-byte buffer holding *len bytes, info its parsed view, backup an untouched copy of
+// the packet. Without an OPT record the proxy's own 32-byte record is appended (arcount + 1);
+// with one, the 21-byte option goes inside it, its payload size capped at 1024, and *had_opt is
+// set to 1. A client whose MAC is unknown leaves the query as it is. info is parsed anew; a
+// result that does not parse puts message, length and info back. Always 0.
+int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
+                           const dp_peer_addr* client, msginf* info, int* had_opt);
+
+// The insertion of dpedns_insert_option41 with the MAC text already found (exactly 17
+// characters are inserted). Always 0.
+int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len, const char* mac,
+                             msginf* info, int* had_opt);
+
+// Removes the first OPT record from a response to a query the proxy gave its own OPT record
+// (arcount - 1), whatever options the server put into it. info is parsed anew; a result that does
+// not parse puts message, length and info back from backup. 0, or -1 when there is no OPT
+// record.
+int dpedns_strip_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len, msginf* info);

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "platform/csmsg/csmsg.h"
+
 // ---- sockets ----------------------------------------------------------------------------------
 
 // Where a datagram came from, filled by dpio_read_packet and handed back to answer it.
@@ -61,8 +63,83 @@ void dpio_hex_dump(const char* label, const uint8_t* buf, uint32_t len);
 void dpio_dump_info();
 
 // ---- module message channel -------------------------------------------------------------------
+//
+// Fixed-layout messages to other gateway modules: the 32-byte csMsgHeader (host order) and a
+// payload. Hex dumps of what is sent and received go to standard error under the io module's
+// DP_IO bit.
+
+// Module ids and message types of the channel.
+enum dpio_module_id : uint32_t {
+    DPIO_MODULE_MGMT = 21,     // management: answers registration-state requests
+    DPIO_MODULE_DNSPROXY = 44, // this daemon
+    DPIO_MODULE_STATUS = 150,  // status collector: service status and query responses
+};
+inline constexpr uint32_t DPIO_MSG_REGISTER_STATE = 0x10000401;
+inline constexpr uint32_t DPIO_MSG_SERVICE_STATUS = 0x100027DB;
+inline constexpr uint32_t DPIO_MSG_QUERY_RESPONSE = 0x100027C4;
+inline constexpr uint32_t DPIO_SERVICE_UP = 2;
+inline constexpr uint32_t DPIO_SERVICE_DOWN = 3;
+
+// Payload of a query response (524 bytes, behind the 32-byte header).
+struct dpio_query_response {
+    uint32_t query_type; // 1 AAAA, 0 A
+    char name[256];      // NUL-terminated, at most 255 characters
+    int32_t result;      // 0 resolved, negative failure
+    int32_t ttl;
+    char ipstrs[256]; // addresses joined by commas, at most 255 characters
+};
+static_assert(sizeof(dpio_query_response) == 524, "query response payload is 524 bytes");
+
+// The record answering a requesting module (560 bytes).
+struct dpio_module_reply {
+    char module[32]; // the requester's tag, at most 31 characters
+    uint32_t seq;    // the requester's sequence number
+    uint32_t query_type;
+    char name[256];
+    int32_t result;
+    int32_t ttl;
+    char ipstrs[256];
+};
+static_assert(sizeof(dpio_module_reply) == 560, "module reply record is 560 bytes");
 
 // Binds the daemon's module channel (id 44). 0, or -1 when the channel cannot be opened.
 int dpio_init_module_interface();
 // The channel's descriptor, or -1 before a successful init.
 int dpio_get_module_fd();
+// Closes the channel (shutdown, tests).
+void dpio_close_module_interface();
+
+// Asks the management module (21) for its registration state with a request of the given type
+// and waits up to 3000 ms for the reply, whose payload is copied into reply. The event loop
+// blocks meanwhile. 0; -1 null reply or size not above 0; -2 send failed; -3 no reply (receive
+// failed or timed out); -5 no message; -7 empty payload; -9 payload longer than size.
+int dpio_request_registration_state(uint32_t type, uint8_t* reply, int32_t size);
+
+// Tells the status collector (150) whether the DNS service answers (word 5: 2 up, 3 down).
+// What csMsg_send returns.
+int dpio_send_service_status(int up);
+
+// Sends the result of an internally requested resolution to the status collector (150), and
+// publishes the same payload as the bus signal "dnsProxyResponse" whatever the send gave.
+// Texts are cut to 255 characters. Nothing happens when the message cannot be allocated.
+void dpio_send_csmsg_query_response(uint32_t is_aaaa, const char* name, int32_t result, int32_t ttl,
+                                    const char* ipstrs);
+
+// Publishes a query response payload on the bus as signal "dnsProxyResponse" of
+// "orvik.kiv.rgwd.itf.msg" (path /orvik/kiv/dnsproxy, one "ay" argument). 0, or -1 when the bus
+// cannot be reached or the signal not built.
+int dpio_publish_query_response(const void* payload, uint32_t len);
+
+// Builds the reply record for a requesting module and hands it to the module-response hook.
+// In this build the hook drops it: a requesting module gets no reply through this path.
+void dpio_send_query_response_to_module(const char* module, int32_t seq, uint32_t is_aaaa,
+                                        const char* name, int32_t result, int32_t ttl,
+                                        const char* ipstrs);
+// Replaces the module-response hook (null: the dropping one), for a build that delivers replies.
+using dpio_module_response_hook = void (*)(const dpio_module_reply* reply);
+void dpio_set_module_response_hook(dpio_module_response_hook hook);
+
+// Waits up to 1500 ms for one module message: its header into header, min(payload, size) payload
+// bytes into data and their number into *received (0 without payload). 0; -1 no message; -2
+// receive failed or timed out.
+int dpio_receive_csmsg(csMsgHeader* header, uint8_t* data, uint32_t size, uint32_t* received);

@@ -94,8 +94,22 @@ def dnsproxy_binary():
     return os.environ.get("DNSPROXY_BIN", str(REPO / "build" / "dnsproxy"))
 
 
+def tool_path(name):
+    """A test tool built with the tests (tests/tools/): $DNSPROXY_TOOLS_DIR (set by CTest), else
+    the sanitized test build."""
+    return os.path.join(os.environ.get("DNSPROXY_TOOLS_DIR", str(REPO / "build-test" / "tests" / "tools")), name)
+
+
 def run(cmd, check=True, **kw):
     return subprocess.run(cmd, check=check, capture_output=True, text=True, **kw)
+
+
+def _comm(pid):
+    """The command name of a running process, as down_from_state checks it."""
+    try:
+        return Path(f"/proc/{pid}/comm").read_text().strip()
+    except OSError:
+        return ""
 
 
 class Daemon:
@@ -163,6 +177,29 @@ class Responder:
         deadline = time.monotonic() + timeout
         while True:
             got = [q for q in self.queries() if where(q)]
+            if len(got) >= count or time.monotonic() >= deadline:
+                return got
+            time.sleep(0.05)
+
+
+class ModulePeer:
+    """A module on the module message channel (module_peer.py) in gw."""
+
+    def __init__(self, proc, log_path, module_id):
+        self.proc = proc
+        self.log_path = log_path
+        self.module_id = module_id
+
+    def messages(self):
+        if not self.log_path.exists():
+            return []
+        return [json.loads(line) for line in self.log_path.read_text().splitlines() if line.strip()]
+
+    def wait_messages(self, count=1, timeout=10.0):
+        """Waits until count messages arrived; returns them."""
+        deadline = time.monotonic() + timeout
+        while True:
+            got = [m for m in self.messages() if "type" in m]
             if len(got) >= count or time.monotonic() >= deadline:
                 return got
             time.sleep(0.05)
@@ -322,6 +359,24 @@ class Lab:
         r = run(self.exec_argv(ns, argv), timeout=timeout + 20)
         return json.loads(r.stdout)
 
+    def start_module_peer(self, module_id, mode="answer", status="0", result="0", reg_url_enable="0",
+                          payload_hex=None, detach=False):
+        """A module peer bound to the channel of module_id, ready when this returns. Mode "answer"
+        replies to registration-state requests with the three texts (or payload_hex); "silent"
+        only records."""
+        log = self.dir / f"module-{module_id}.jsonl"
+        argv = [sys.executable, str(Path(__file__).with_name("module_peer.py")), "--root", str(self.root),
+                "--id", str(module_id), "--log", str(log), "--mode", mode, "--status", status,
+                "--result", result, "--reg-url-enable", reg_url_enable]
+        if payload_hex is not None:
+            argv += ["--payload-hex", payload_hex]
+        proc = subprocess.Popen(self.exec_argv("gw", argv), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                text=True, start_new_session=detach)
+        self.processes.append(proc)
+        if proc.stdout.readline().strip() != "ready":
+            raise RuntimeError(f"module peer {module_id} did not start")
+        return ModulePeer(proc, log, module_id)
+
     def bus_ping(self):
         r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
                  OBJECT_PATH, "org.freedesktop.DBus.Peer.Ping"], check=False, env=self.env())
@@ -332,12 +387,7 @@ class Lab:
     def state(self):
         """What down() of a later process needs: names, folder and the PIDs started here."""
         pids = [p.pid for p in self.processes] + [d.pid for d in self.daemons]
-        entries = []
-        for pid in pids:  # the command name now, to recognise the process later
-            try:
-                entries.append({"pid": pid, "comm": Path(f"/proc/{pid}/comm").read_text().strip()})
-            except FileNotFoundError:
-                pass
+        entries = [{"pid": pid, "comm": _comm(pid)} for pid in pids]  # to recognise them later
         return {"tag": self.tag, "dir": str(self.dir), "with_netns": self.with_netns, "pids": entries}
 
     @staticmethod
