@@ -48,9 +48,13 @@ int main(int argc, char** argv) {
     dpxy_apply_input_parms(&parms);
     // 6.5 the LAN interface's addresses
     dpxy_read_client_interface();
-    // 6.6 server sets, name tables, sockets
+    // 6.6 server sets, name tables, the name filter, the VCI table, then the lease file (which
+    // the VCI table filters), sockets
     dpsvr_load_all_dns_servers();
     dpcache_reload_all();
+    dpsvr_load_name_filter_db();
+    dpsvr_load_vci_db();
+    dpsvr_load_lease_file();
     create_client_socket();
     // 6.7 6.8 service status detection
     dpxy_reset_status_probe();

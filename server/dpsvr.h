@@ -122,8 +122,123 @@ servset* dpsvr_monitor_list_head();
 
 // ---- service classification -------------------------------------------------------------------
 
+// Service mask bits, found by case-sensitive substring search in a service text.
+enum dpsvr_service_bit : uint16_t {
+    DPSVR_SERVICE_INTERNET = 0x1, // "INTERNET"
+    DPSVR_SERVICE_VOIP = 0x2,     // "VOIP"
+    DPSVR_SERVICE_OTHER = 0x4,    // "OTHER", carried by the IPTV connection
+    DPSVR_SERVICE_TR069 = 0x8,    // "TR069"
+};
+
+// Match modes of a name-filter entry; any other value never matches.
+enum dpsvr_match_mode : uint32_t {
+    DPSVR_MATCH_PREFIX = 0,
+    DPSVR_MATCH_SUFFIX = 1,
+    DPSVR_MATCH_EXACT = 2,
+};
+
+// One line of the name filter ("/etc/dns_prefix.conf"), in file order.
+struct name_filter {
+    uint32_t matchMode;
+    char name[256];    // the pattern, lower-cased
+    char service[128]; // at most 127 characters
+    uint16_t mask;     // service mask of service
+    name_filter* next;
+};
+
+// One line of the VCI table ("/etc/dhcp_condpool.conf"), in file order.
+struct vci_entry {
+    uint32_t vciLen; // 0..256
+    uint8_t vci[256];
+    char startStr[46];
+    char endStr[46];
+    uint32_t startAddr; // host order
+    uint32_t endAddr;   // host order; kept for the dump, never consulted
+    char service[128];
+    uint16_t mask;
+    vci_entry* next;
+};
+
+// A client address holding a DHCP lease with a vendor class that the VCI table knows.
+struct src_lease {
+    uint32_t yiaddr; // host order; its low 8 bits choose the bucket
+    uint8_t chaddr[6];
+    uint32_t vciLen; // strlen(vci)
+    char vci[256];
+    src_lease* next;
+};
+
+inline constexpr uint32_t DPSVR_LEASE_BUCKETS = 256;
+
+// The DHCP server's lease record: the first 128 bytes of a lease-file record, and what the
+// lease-update signal carries behind its action word. Copy unaligned bytes into one of these.
+struct dpsvr_lease_record {
+    uint8_t chaddr[16]; // the first 6 are the MAC; all 16 zero: an empty record
+    uint32_t yiaddr;    // network order
+    uint32_t expires;   // network order; 0: an unused record
+    uint8_t unused[36];
+    char vci[68]; // NUL-terminated, or running to the end of the record
+};
+static_assert(sizeof(dpsvr_lease_record) == 128, "the lease record layout is fixed");
+
+// The lease file's record size, from its header: at least the fields above up to a short vendor
+// class; at most a bound that no real record comes near, so a broken header cannot make the
+// daemon allocate whatever it claims. Sizes outside are refused as an invalid header.
+inline constexpr uint32_t DPSVR_LEASE_RECORD_MIN = 112;
+inline constexpr uint32_t DPSVR_LEASE_RECORD_MAX = 4096;
+
+// Union of the service bits named in the text; 0 when it names none.
+uint16_t dpsvr_get_service_mask_by_name(const char* service);
+
+// Loaders. Each empties its table first; a missing file leaves it empty. A line or record that
+// does not parse is skipped on its own (traced at the detail level).
+// Name filter: lines "<pattern> <mode> <service>". Returns the entries loaded.
+int dpsvr_load_name_filter_db();
+// Returns the entries freed.
+uint32_t dpsvr_purge_name_filter_db();
+// VCI table: lines "<vci in hex> <start IPv4> <end IPv4> <service>". The VCI token must be
+// hexadecimal digits only (any other character refuses the line); two digits make a byte, an
+// odd last digit is ignored and bytes past 256 are dropped. Returns the entries loaded.
+int dpsvr_load_vci_db();
+// Lease file: the leases stored, or -2 (header not read), -3 (header invalid, or a record size
+// outside DPSVR_LEASE_RECORD_MIN..MAX), -4 (no memory for a record). A last record cut short
+// by the end of the file is dropped.
+int dpsvr_load_lease_file();
+// The VCI table, then the lease file, whose leases are filtered by it. The lease file's result.
+int dpsvr_reload_vci_and_leases();
+
+// 1 a new lease, 2 an existing lease updated, 0 an empty or unused record (ignored), -1 no VCI
+// entry accepts it (not stored), -2 no memory.
+int dpsvr_add_src_lease(const dpsvr_lease_record* record);
+// 1 deleted, 0 no lease for that address.
+int dpsvr_delete_src_lease(const dpsvr_lease_record* record);
+// 1 when a VCI entry accepts the lease: same /24 as the entry's range start (the range end is
+// deliberately not consulted) and the same vendor-class bytes.
+int is_lease_valid(uint32_t yiaddr, const char* vci, uint32_t vciLen);
 // Frees every entry of the source-lease table.
 void dpsvr_purge_src_leases();
+
+// Service mask of a query name by the name filter alone: 1 with the first matching entry's
+// mask, 2 with 0x1 (Internet) when no entry matches.
+int get_service_mask_without_ipaddr(const char* qname, uint16_t* mask);
+// Service mask by the name filter and the client's lease (VCI explicit forwarding): 1 and 2 as
+// above, -2 when no set may be chosen.
+int get_service_mask(const uint8_t* client_addr, const char* qname, uint16_t* mask);
+// The set for a request: 8 FILTER, 6 / 7 System, 4 / 5 Global, 3 VOIP, 2 IPTV, 1 HSI; -2 when
+// classification refuses every set, -5 for an unknown type (both with *set null).
+int select_server_set(const dpsvr_select_request* request, servset** set);
+// Set the request's type (1 / 2), then the default set and the selected set.
+int dpsvr_select_v4_server_sets(dpsvr_select_request* request, servset** set, servset** dflt_set);
+int dpsvr_select_v6_server_sets(dpsvr_select_request* request, servset** set, servset** dflt_set);
+
+// "view filter": the name filter, the VCI table and the lease table.
+void dpsvr_dump_filter();
+
+// The tables as they stand (tests and dumps).
+const name_filter* dpsvr_name_filter_head();
+const vci_entry* dpsvr_vci_head();
+const src_lease* dpsvr_find_src_lease(uint32_t yiaddr);
+uint32_t dpsvr_src_lease_count();
 
 // ---- bus signal handlers ----------------------------------------------------------------------
 //
