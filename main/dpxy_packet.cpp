@@ -89,16 +89,16 @@ int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
 }
 
 // Undoes what the proxy did to the query's EDNS on the way out.
-void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt, const uint8_t* backup) {
+void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt, const dns_pkt& backup) {
     if (pcb->edns_mode == DPXY_EDNS_NONE) return;
     if (pcb->edns_mode != DPXY_EDNS_STRIP) {
-        dpedns_update_edns_payload(backup, pkt.buf, &pkt.len, &pkt.inf);
+        dpedns_update_edns_payload(pkt.buf, pkt.len, &pkt.inf);
     } else {
-        dpedns_strip_option41(backup, pkt.buf, &pkt.len, &pkt.inf);
+        dpedns_strip_option41(&backup, pkt.buf, &pkt.len, &pkt.inf);
     }
 }
 
-int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const uint8_t* copy) {
+int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const dns_pkt& copy) {
     // 3. parse
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
@@ -162,8 +162,10 @@ int dpxy_handle_server_packet(int fd) {
         return ret;
     }
     dp_stats.server_packet_recv++;
-    static uint8_t copy[DPXY_MAX_PACKET];
-    std::memcpy(copy, pkt.buf, pkt.len);
+    // 2. the answer as it came, to put back when an EDNS edit leaves it unparsable
+    static dns_pkt copy;
+    copy.len = pkt.len;
+    std::memcpy(copy.buf, pkt.buf, pkt.len);
     ret = handle_dns_response(from, pkt, copy);
     DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
     return ret;

@@ -102,7 +102,7 @@ struct registration_state {
 // 0 with the three texts, or the request's negative code.
 int ask_registration_state(registration_state* st) {
     uint8_t reply[16] = {};
-    const int ret = dpio_get_registration_state(kRegistrationStateRequest, reply, 15);
+    const int ret = dpio_request_registration_state(kRegistrationStateRequest, reply, 15);
     if (ret < 0) return ret;
     // Texts of up to four characters at payload offsets 0, 5 and 10.
     std::snprintf(st->status, sizeof st->status, "%.4s", reinterpret_cast<const char*>(reply));
@@ -321,9 +321,9 @@ void server_failure(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp server failure to query\n", q.pcb.client_id);
     put_client_id(q);
     if (dpcfg_is_edns_enabled() != 0) {
-        static uint8_t backup[DPENDEC_MSG_SIZE];
-        std::memcpy(backup, q.pkt.buf, q.pkt.len);
-        dpedns_strip_option41(backup, q.pkt.buf, &q.pkt.len, &q.pkt.inf);
+        static dns_pkt backup;
+        backup = q.pkt;
+        dpedns_strip_option41(&backup, q.pkt.buf, &q.pkt.len, &q.pkt.inf);
     }
     error_answer(q, kRcodeServFail);
 }
@@ -422,8 +422,10 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     }
     // 11. the client's MAC address for the servers
     if (dpcfg_is_edns_enabled() != 0) {
+        static dns_pkt backup;
+        backup = pkt;
         int had_opt = 0;
-        dpedns_insert_option41(image.pkt, pkt.buf, &pkt.len, client, &pkt.inf, &had_opt);
+        dpedns_insert_option41(&backup, pkt.buf, &pkt.len, client, &pkt.inf, &had_opt);
         image.edns_mode = had_opt != 0 ? DPXY_EDNS_UPDATE_PAYLOAD : DPXY_EDNS_STRIP;
     }
     // 12. local tables

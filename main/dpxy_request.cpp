@@ -40,8 +40,9 @@ int dpxy_handle_query_request(const uint8_t* record, uint32_t len) {
 int dpxy_update_lease(const uint8_t* payload) {
     uint32_t action = 0;
     std::memcpy(&action, payload, sizeof action);
-    const uint8_t* record = payload + sizeof action;
-    if (action == 0) return dpsvr_add_src_lease(record);
-    if (action == 1) return dpsvr_delete_src_lease(record);
+    dpsvr_lease_record record;
+    std::memcpy(&record, payload + sizeof action, sizeof record);
+    if (action == 0) return dpsvr_add_src_lease(&record);
+    if (action == 1) return dpsvr_delete_src_lease(&record);
     return -1;
 }

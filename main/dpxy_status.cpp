@@ -50,7 +50,7 @@ acb probe_action{nullptr, nullptr, 0, kProbePeriod, nullptr, probe_start, probe_
 int send_auto_query_probe_packet(void*) {
     DPMAIN_TRACE(DP_DETAIL, "send auto query(failed_count=%u)\n", failed_count);
     // The down indication goes out before this probe is counted: first on the fourth probe.
-    if (failed_count > kDownAfter) dpio_send_service_status_indication(0);
+    if (failed_count > kDownAfter) dpio_send_service_status(0);
     probe_transid = dputl_get_next_transaction_id();
     probe_packet[0] = static_cast<uint8_t>(probe_transid >> 8);
     probe_packet[1] = static_cast<uint8_t>(probe_transid & 0xFF);
@@ -64,7 +64,7 @@ int handle_auto_query_probe_response(uint16_t server_id, const msginf* answer) {
     DPMAIN_TRACE(DP_DETAIL, "auto query transid=0x%x transid=0x%x\n", probe_transid, server_id);
     if (answer->ancount == 0 || server_id == 0 || server_id != probe_transid) return -60;
     DPMAIN_TRACE(DP_PKT, "ok service status indication rsp transid=0x%x rcvd\n", server_id);
-    dpio_send_service_status_indication(1);
+    dpio_send_service_status(1);
     failed_count = 0;
     return -50;
 }
