@@ -12,6 +12,7 @@ import argparse
 import json
 import socket
 import sys
+import time
 
 import dns.edns
 import dns.flags
@@ -48,6 +49,7 @@ def main():
     p.add_argument("--edns", type=int, help="add an OPT record with this payload size")
     p.add_argument("--wire")
     p.add_argument("--burst", type=int, default=0)
+    p.add_argument("--pace", type=float, default=0.0, help="seconds to pause after every 50 of a burst")
     p.add_argument("--timeout", type=float, default=2.0)
     args = p.parse_args()
 
@@ -65,6 +67,8 @@ def main():
     if args.burst:
         for i in range(args.burst):
             sock.sendto(bytes([(i >> 8) & 0xFF, i & 0xFF]) + wire[2:], (args.server, args.port))
+            if args.pace and i % 50 == 49:
+                time.sleep(args.pace)
         print(json.dumps({"sent": args.burst}))
         return 0
     sock.sendto(wire, (args.server, args.port))
