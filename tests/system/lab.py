@@ -377,6 +377,27 @@ class Lab:
             raise RuntimeError(f"module peer {module_id} did not start")
         return ModulePeer(proc, log, module_id)
 
+    # ---- the daemon's control plane, through the real tools ----------------------------------
+
+    def bus_signal(self, member, *args, itf="orvik.kiv.dnsproxy.itf.msg"):
+        """Emits a signal with dbus-send, then pings the daemon so that it has been handled."""
+        r = run(["dbus-send", "--system", "--type=signal", OBJECT_PATH, f"{itf}.{member}", *args],
+                check=False, env=self.env())
+        assert r.returncode == 0, r.stderr
+        assert self.bus_ping()
+
+    def bus_call(self, method, *args, itf="orvik.kiv.dnsproxy.itf.api"):
+        """A method call with busctl: (exit status, its output in busctl's text form)."""
+        r = run(["busctl", "--system", "call", BUS_NAME, OBJECT_PATH, itf, method, *args], check=False,
+                env=self.env())
+        return r.returncode, (r.stdout if r.returncode == 0 else r.stderr).strip()
+
+    def kiv_cli(self, *words, timeout=20):
+        """kiv_cli dnsproxy <words>: (exit status, standard output, standard error)."""
+        binary = os.path.join(os.environ.get("DNSPROXY_BUILD_DIR", str(REPO / "build")), "kiv_cli")
+        r = run([binary, "dnsproxy", *words], check=False, env=self.env(), timeout=timeout)
+        return r.returncode, r.stdout, r.stderr
+
     def bus_ping(self):
         r = run(["dbus-send", "--system", "--print-reply", "--reply-timeout=1000", f"--dest={BUS_NAME}",
                  OBJECT_PATH, "org.freedesktop.DBus.Peer.Ping"], check=False, env=self.env())
