@@ -41,12 +41,24 @@ int print_help() {
     return 0;
 }
 
-int cmd_set_logconfig(int, const char* const* argv) { return dplog_set_logconfig(argv[0], argv[1]); }
-int cmd_dump_logconfig(int, const char* const*) { return dplog_dump_logconfig(); }
-int cmd_save_logconfig(int, const char* const*) { return dplog_save_logconfig(); }
-int cmd_reset_logconfig(int, const char* const*) { return dplog_reset_logconfig(); }
-int cmd_redirect_printf(int, const char* const* argv) { return dplog_redirect_printf(argv[0]); }
-int cmd_help(int, const char* const*) { return print_help(); }
+int cmd_set_logconfig(int, const char* const* argv) {
+    return dplog_set_logconfig(argv[0], argv[1]);
+}
+int cmd_dump_logconfig(int, const char* const*) {
+    return dplog_dump_logconfig();
+}
+int cmd_save_logconfig(int, const char* const*) {
+    return dplog_save_logconfig();
+}
+int cmd_reset_logconfig(int, const char* const*) {
+    return dplog_reset_logconfig();
+}
+int cmd_redirect_printf(int, const char* const* argv) {
+    return dplog_redirect_printf(argv[0]);
+}
+int cmd_help(int, const char* const*) {
+    return print_help();
+}
 int cmd_view_config(int, const char* const*) {
     dpcfg_dump_config();
     return 0;
@@ -63,17 +75,23 @@ int cmd_view_filter(int, const char* const*) {
     dpsvr_dump_filter();
     return 0;
 }
-int cmd_view_statistic(int, const char* const*) { return dp_view_statistic(); }
+int cmd_view_statistic(int, const char* const*) {
+    return dp_view_statistic();
+}
 int cmd_view_misc(int, const char* const*) {
     dpxy_dump_info();
     return 0;
 }
-int cmd_view_debug_setting(int, const char* const*) { return dplog_view_debug_setting(); }
+int cmd_view_debug_setting(int, const char* const*) {
+    return dplog_view_debug_setting();
+}
 int cmd_define_debug_mode(int, const char* const* argv) {
     define_debug_mode(static_cast<uint32_t>(std::strtoul(argv[0], nullptr, 10)));
     return 0;
 }
-int cmd_define_debug_level(int, const char* const* argv) { return define_debug_level(argv[0], argv[1]); }
+int cmd_define_debug_level(int, const char* const* argv) {
+    return define_debug_level(argv[0], argv[1]);
+}
 int cmd_dump_itf_list(int, const char* const*) {
     rjson_dump_registered_messages();
     rjson_dump_registered_methods();
@@ -81,10 +99,13 @@ int cmd_dump_itf_list(int, const char* const*) {
 }
 
 constexpr kutl_cli_arg kNone{KUTL_CLI_ARG_UNCHECKED, nullptr};
-constexpr kutl_cli_arg kLevels{KUTL_CLI_ARG_WORDS, "emerg|alert|crit|error|warn|notice|info|debug|"};
+constexpr kutl_cli_arg kLevels{KUTL_CLI_ARG_WORDS,
+                               "emerg|alert|crit|error|warn|notice|info|debug|"};
 constexpr kutl_cli_arg kDests{KUTL_CLI_ARG_WORDS, "serial|syslog|telnet|"};
-constexpr kutl_cli_arg kModules{KUTL_CLI_ARG_WORDS, "proxy|io|endec|server|cache|config|util|debug|"};
-constexpr kutl_cli_arg kDebugLevels{KUTL_CLI_ARG_WORDS, "none|error|warn|detail|func|pkt|endec|io|period|all|"};
+constexpr kutl_cli_arg kModules{KUTL_CLI_ARG_WORDS,
+                                "proxy|io|endec|server|cache|config|util|debug|"};
+constexpr kutl_cli_arg kDebugLevels{KUTL_CLI_ARG_WORDS,
+                                    "none|error|warn|detail|func|pkt|endec|io|period|all|"};
 constexpr kutl_cli_arg kText{KUTL_CLI_ARG_TEXT, nullptr};
 
 constexpr kutl_cli_cmd kCommands[] = {
@@ -128,9 +149,11 @@ int dp_cli_process(const char* tty_name, const char* cmd) {
     bool moved = false;
     if (tty_name != nullptr && tty_name[0] != '\0') moved = kutl_redirect_printf(tty_name) >= 0;
     // 3. the command, or the help text
-    if (kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd) != 0) print_help();
+    if (kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd) != 0)
+        print_help();
     // 4. back to the daemon's own output, unless the command was to move it
-    if (moved && std::strncmp(cmd, kRedirectPrefix, sizeof kRedirectPrefix - 1) != 0) restore_own_output();
+    if (moved && std::strncmp(cmd, kRedirectPrefix, sizeof kRedirectPrefix - 1) != 0)
+        restore_own_output();
     std::fflush(stdout);
     std::fflush(stderr);
     return 0;

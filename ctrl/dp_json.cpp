@@ -13,7 +13,12 @@ namespace {
 
 // ---- "dnsproxy.features": switches set to the given value ------------------------------------
 
-enum feature_code : uint32_t { FEAT_FORCE_REGISTER = 1, FEAT_EDNS = 2, FEAT_INTERCEPT = 3, FEAT_DSLITE = 4 };
+enum feature_code : uint32_t {
+    FEAT_FORCE_REGISTER = 1,
+    FEAT_EDNS = 2,
+    FEAT_INTERCEPT = 3,
+    FEAT_DSLITE = 4
+};
 
 // "ifname" is accepted with these objects but has no effect (code 0 is skipped).
 constexpr rjson_key_desc kFeatureKeys[] = {
@@ -26,8 +31,8 @@ constexpr rjson_key_desc kFeatureKeys[] = {
 constexpr rjson_object_desc kFeatures = rjson_object("dnsproxy.features", kFeatureKeys);
 
 using setter = int (*)(uint32_t);
-constexpr setter kFeatureSetters[] = {nullptr, dpcfg_set_force_register, dpcfg_set_edns, dpcfg_set_intercept,
-                                      dpcfg_set_dslite};
+constexpr setter kFeatureSetters[] = {nullptr, dpcfg_set_force_register, dpcfg_set_edns,
+                                      dpcfg_set_intercept, dpcfg_set_dslite};
 
 int apply_features(const json_object* params) {
     rjson_item_area area{};
@@ -35,7 +40,8 @@ int apply_features(const json_object* params) {
     if (n < 0) return n;
     for (int i = 0; i < n; ++i) {
         const rjson_item& item = area.items[i];
-        if (item.code >= 1 && item.code < std::size(kFeatureSetters)) kFeatureSetters[item.code](item.value);
+        if (item.code >= 1 && item.code < std::size(kFeatureSetters))
+            kFeatureSetters[item.code](item.value);
     }
     return 0;
 }
@@ -62,9 +68,15 @@ constexpr rjson_key_desc kConfigKeys[] = {
 };
 constexpr rjson_object_desc kConfigs = rjson_object("dnsproxy.configs", kConfigKeys);
 
-int reload_d2a() { return dpcache_load_d2a_cache(); }
-int reload_d2d() { return dpcache_load_d2d_cache(); }
-int reload_hosts() { return dpcache_load_hosts_cache(); }
+int reload_d2a() {
+    return dpcache_load_d2a_cache();
+}
+int reload_d2d() {
+    return dpcache_load_d2d_cache();
+}
+int reload_hosts() {
+    return dpcache_load_hosts_cache();
+}
 
 using reloader = int (*)();
 constexpr reloader kReloaders[] = {
@@ -91,8 +103,10 @@ int apply_configs(const json_object* params) {
     for (int i = 0; i < n; ++i) {
         const rjson_item& item = area.items[i];
         if (item.code == CFG_FIRST_WAN_IFNAME) {
-            if (const char* name = rjson_item_text(&area, &item); name != nullptr) dpcfg_set_first_wan_ifname(name);
-        } else if (item.code < std::size(kReloaders) && kReloaders[item.code] != nullptr && item.value != 0) {
+            if (const char* name = rjson_item_text(&area, &item); name != nullptr)
+                dpcfg_set_first_wan_ifname(name);
+        } else if (item.code < std::size(kReloaders) && kReloaders[item.code] != nullptr &&
+                   item.value != 0) {
             kReloaders[item.code]();
         }
     }
@@ -101,8 +115,12 @@ int apply_configs(const json_object* params) {
 
 // ---- handlers ---------------------------------------------------------------------------------
 
-int msg_reload_config(const json_object* params) { return apply_configs(params); }
-int msg_cfg_feature(const json_object* params) { return apply_features(params); }
+int msg_reload_config(const json_object* params) {
+    return apply_configs(params);
+}
+int msg_cfg_feature(const json_object* params) {
+    return apply_features(params);
+}
 
 // "kiv.cli": the operator's terminal and the command line; nothing happens without either.
 int msg_cli_cmd(const json_object* params) {

@@ -10,4 +10,5 @@ int start_kiv_dnsproxy_service();
 
 // The DHCP server's lease update ("dhcpLeaseInfoUpdate"): exactly 132 bytes, else reported and
 // ignored.
-int dplog_process_dhcpd_lease_update(const char* itf, const char* member, const void* payload, uint32_t length);
+int dplog_process_dhcpd_lease_update(const char* itf, const char* member, const void* payload,
+                                     uint32_t length);

@@ -61,8 +61,8 @@ struct msginf;
 // The query pipeline: one query from a client (source 0), the local-address resolver (1) or a
 // module (2). 0 answered or forwarded; -2 pcb table full, -3 format error, -4 not a query,
 // -5 answered or dropped by a policy.
-int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq, const dp_peer_addr* client,
-                     const uint8_t* packet, uint16_t len);
+int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
+                     const dp_peer_addr* client, const uint8_t* packet, uint16_t len);
 // "HandleQueryRequest": a 260-byte record (u32 AAAA flag, name char[256]) resolved as an
 // internal query whose answer goes out as a module query response.
 int dpxy_handle_query_request(const uint8_t* record, uint32_t len);

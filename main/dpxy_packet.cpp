@@ -57,16 +57,17 @@ int respond_to_requester(dpxy_pcb* pcb, dns_pkt& pkt) {
     if (pcb->source == DPXY_SRC_LOCAL) {
         dpio_send_csmsg_query_response(aaaa, pkt.inf.name, result, ttl, ipstrs);
     } else {
-        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, pkt.inf.name, result, ttl,
-                                           ipstrs);
+        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, pkt.inf.name,
+                                           result, ttl, ipstrs);
     }
     remove_proxy_ctrlblk(pcb);
     return 0;
 }
 
 int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n", pcb->client_id,
-                 pcb->server_id, pcb->query_count, pcb->response_count, pkt.inf.ancount, pcb->d2d_name);
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n",
+                 pcb->client_id, pcb->server_id, pcb->query_count, pcb->response_count,
+                 pkt.inf.ancount, pcb->d2d_name);
     const bool has_d2d = pcb->d2d_name[0] != '\0';
     // An empty answer while other servers may still answer better is held, not relayed.
     if (pkt.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
@@ -77,7 +78,8 @@ int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
         return -2;
     }
     if (pkt.inf.ancount != 0 && dpcfg_is_dyn_cache_feat_enabled() != 0) {
-        dpcache_add_dync_cache(pkt.inf.qtype, pkt.inf.name, pkt.inf.hostaddr, static_cast<uint32_t>(pkt.inf.ttl));
+        dpcache_add_dync_cache(pkt.inf.qtype, pkt.inf.name, pkt.inf.hostaddr,
+                               static_cast<uint32_t>(pkt.inf.ttl));
     }
     if (has_d2d) dpendec_restore_qname(&pkt, pcb->d2d_name);
     pkt.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
@@ -113,7 +115,8 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const dns_pkt& c
         return -30;
     }
     // 5. 6. primary status
-    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name, pkt.inf.hostaddr);
+    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name,
+                 pkt.inf.hostaddr);
     process_primary_dns_status(from, pkt.inf);
     // 7. 8. the pending query, else a probe
     dpxy_pcb* pcb = dpxy_find_pcb(pkt.inf.id);
@@ -125,7 +128,8 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const dns_pkt& c
     // 9. 10. undo the proxy's EDNS changes
     if (dpcfg_is_edns_enabled() != 0) undo_edns(pcb, pkt, copy);
     DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", pkt.inf.id,
-                 static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count, pcb->response_count);
+                 static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count,
+                 pcb->response_count);
     // 11. to whoever asked
     switch (pcb->source) {
     case DPXY_SRC_LOCAL:

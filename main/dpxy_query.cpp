@@ -43,14 +43,18 @@ struct query_ctx {
     dpxy_pcb& pcb;
 };
 
-uint16_t qtype_of(const query_ctx& q) { return q.pkt.inf.qtype; }
+uint16_t qtype_of(const query_ctx& q) {
+    return q.pkt.inf.qtype;
+}
 
 void put_client_id(query_ctx& q) {
     q.pkt.buf[0] = static_cast<uint8_t>(q.pcb.client_id >> 8);
     q.pkt.buf[1] = static_cast<uint8_t>(q.pcb.client_id & 0xFF);
 }
 
-void send_to_client(query_ctx& q) { send_packet_x(&q.pcb.client, q.pkt.buf, q.pkt.len); }
+void send_to_client(query_ctx& q) {
+    send_packet_x(&q.pcb.client, q.pkt.buf, q.pkt.len);
+}
 
 void error_answer(query_ctx& q, int rcode) {
     put_client_id(q);
@@ -77,18 +81,31 @@ int address_answer(query_ctx& q, const char* addr) {
     return 0;
 }
 
+// The trace lines of a policy's gateway answer, for A and for AAAA.
+struct answer_traces {
+    const char* a;
+    const char* aaaa;
+};
+constexpr answer_traces kForceUrlTraces{"client_id=0x%x rsp A %s for force url\n",
+                                        "client_id=0x%x rsp AAAA %s for force url\n"};
+constexpr answer_traces kInterceptTraces{"client_id=0x%x rsp A %s for intercept\n",
+                                         "client_id=0x%x rsp AAAA %s for intercept\n"};
+
 // The gateway's own address answered for A and AAAA; other qtypes get nothing.
-void gateway_answer(query_ctx& q, const char* why) {
+void gateway_answer(query_ctx& q, const answer_traces& traces) {
     const dpxy_client_itf& itf = dpxy_get_client_itf();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
     if (qtype_of(q) == DPENDEC_TYPE_A) {
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for %s\n", q.pcb.client_id, itf.v4ipstr, why);
+        DPMAIN_TRACE(DP_DETAIL, traces.a, q.pcb.client_id, itf.v4ipstr);
         address_answer(q, itf.v4ipstr);
     } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for %s\n", q.pcb.client_id, itf.v6ipstr, why);
+        DPMAIN_TRACE(DP_DETAIL, traces.aaaa, q.pcb.client_id, itf.v6ipstr);
         address_answer(q, itf.v6ipstr);
     } else {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
     }
+#pragma GCC diagnostic pop
 }
 
 // ---- the management module's registration state ----------------------------------------------
@@ -107,7 +124,8 @@ int ask_registration_state(registration_state* st) {
     // Texts of up to four characters at payload offsets 0, 5 and 10.
     std::snprintf(st->status, sizeof st->status, "%.4s", reinterpret_cast<const char*>(reply));
     std::snprintf(st->result, sizeof st->result, "%.4s", reinterpret_cast<const char*>(reply + 5));
-    std::snprintf(st->reg_url_enable, sizeof st->reg_url_enable, "%.4s", reinterpret_cast<const char*>(reply + 10));
+    std::snprintf(st->reg_url_enable, sizeof st->reg_url_enable, "%.4s",
+                  reinterpret_cast<const char*>(reply + 10));
     return 0;
 }
 
@@ -115,10 +133,12 @@ int ask_registration_state(registration_state* st) {
 
 int is_query_valid(const msginf& inf) {
     int ret = 0;
-    if (inf.ancount != 0) ret = -1;
-    else if ((inf.flags & kFlagQR) != 0) ret = -2;
-    DPMAIN_TRACE(DP_DETAIL, "ancount=%u isResponse=%u ret=%d\n", inf.ancount, (inf.flags & kFlagQR) != 0 ? 1u : 0u,
-                 ret);
+    if (inf.ancount != 0)
+        ret = -1;
+    else if ((inf.flags & kFlagQR) != 0)
+        ret = -2;
+    DPMAIN_TRACE(DP_DETAIL, "ancount=%u isResponse=%u ret=%d\n", inf.ancount,
+                 (inf.flags & kFlagQR) != 0 ? 1u : 0u, ret);
     return ret;
 }
 
@@ -139,7 +159,7 @@ int execute_force_register(query_ctx& q) {
         error_answer(q, kRcodeRefused);
         return kDropped;
     }
-    gateway_answer(q, "force url");
+    gateway_answer(q, kForceUrlTraces);
     return kDropped;
 }
 
@@ -147,12 +167,12 @@ int execute_lock_net(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableLockNet=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_lock_net_enabled()));
     DPMAIN_TRACE(DP_DETAIL, "%s,%d,,domain name:%s\n", __func__, __LINE__, q.pkt.inf.name);
-    gateway_answer(q, "force url");
+    gateway_answer(q, kForceUrlTraces);
     return kDropped;
 }
 
 int execute_intercept(query_ctx& q) {
-    gateway_answer(q, "intercept");
+    gateway_answer(q, kInterceptTraces);
     return kDropped;
 }
 
@@ -160,10 +180,12 @@ int execute_intercept(query_ctx& q) {
 int execute_redirect(query_ctx& q) {
     const dpxy_client_itf& itf = dpxy_get_client_itf();
     if (qtype_of(q) == DPENDEC_TYPE_A) {
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for redirect\n", q.pcb.client_id, itf.v4ipstr);
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for redirect\n", q.pcb.client_id,
+                     itf.v4ipstr);
         address_answer(q, kRedirectV4);
     } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for redirect\n", q.pcb.client_id, itf.v6ipstr);
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for redirect\n", q.pcb.client_id,
+                     itf.v6ipstr);
         address_answer(q, kRedirectV6);
     } else {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
@@ -179,8 +201,8 @@ void answer_by_source(query_ctx& q, const char* value) {
         dpio_send_csmsg_query_response(aaaa, q.pkt.inf.name, 0, kLocalTtl, value);
         break;
     case DPXY_SRC_MODULE:
-        dpio_send_query_response_to_module(q.pcb.module_tag, q.pcb.module_seq, aaaa, q.pkt.inf.name, 0, kLocalTtl,
-                                           value);
+        dpio_send_query_response_to_module(q.pcb.module_tag, q.pcb.module_seq, aaaa, q.pkt.inf.name,
+                                           0, kLocalTtl, value);
         break;
     default:
         address_answer(q, value);
@@ -195,7 +217,8 @@ int resolve_query_from_local_cache(query_ctx& q) {
     if (dpcfg_is_d2d_feat_enabled() != 0) {
         char new_name[256];
         if (dpcache_find_d2d_name(inf.qtype, inf.name, new_name, sizeof new_name) == 1) {
-            const int rslt = dpcache_resolve_name_from_local(inf.qtype, new_name, value, sizeof value);
+            const int rslt =
+                dpcache_resolve_name_from_local(inf.qtype, new_name, value, sizeof value);
             DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u qname=%s newName=%s rslt=%d inf=%s\n",
                          q.pcb.client_id, inf.qtype, inf.name, new_name, rslt, value);
             if (rslt == DPCACHE_ANSWER_A || rslt == DPCACHE_ANSWER_AAAA) {
@@ -210,8 +233,8 @@ int resolve_query_from_local_cache(query_ctx& q) {
     }
     const char* key = inf.qtype == DPENDEC_TYPE_PTR ? inf.hostaddr : inf.name;
     const int rslt = dpcache_resolve_name_from_local(inf.qtype, key, value, sizeof value);
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u key=%s rslt=%d inf=%s\n", q.pcb.client_id, inf.qtype, key, rslt,
-                 value);
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u key=%s rslt=%d inf=%s\n", q.pcb.client_id,
+                 inf.qtype, key, rslt, value);
     switch (rslt) {
     case DPCACHE_ANSWER_NONE:
         if (inf.qtype == DPENDEC_TYPE_AAAA && strcasecmp(inf.name, DPCFG_WEBGUI_HOST_NAME) == 0) {
@@ -249,7 +272,8 @@ bool is_local_ip(const char* ipstr) {
 int execute_reject_ptr_local_ip(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableRejPtr=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_reject_ptr_local_ip_feat_enabled()));
-    if (dpcfg_is_reject_ptr_local_ip_feat_enabled() == 0 || qtype_of(q) != DPENDEC_TYPE_PTR) return 0;
+    if (dpcfg_is_reject_ptr_local_ip_feat_enabled() == 0 || qtype_of(q) != DPENDEC_TYPE_PTR)
+        return 0;
     if (!is_local_ip(q.pkt.inf.hostaddr)) return 0;
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp refuse for local ip ptr\n", q.pcb.client_id);
     error_answer(q, kRcodeRefused);
@@ -277,12 +301,14 @@ int send_by_family(query_ctx& q, dpsvr_select_request& req, int* sentnum) {
     if (req.type == DPIO_PEER_IPV4) {
         const int sent = select_and_send(q, req, dpsvr_select_v4_server_sets);
         if (sent < 0) return -2;
-        *sentnum = sent != 0 ? sent : std::max(0, select_and_send(q, req, dpsvr_select_v6_server_sets));
+        *sentnum =
+            sent != 0 ? sent : std::max(0, select_and_send(q, req, dpsvr_select_v6_server_sets));
         return 0;
     }
     if (req.type == DPIO_PEER_IPV6) {
         const int sent = std::max(0, select_and_send(q, req, dpsvr_select_v6_server_sets));
-        *sentnum = sent != 0 ? sent : std::max(0, select_and_send(q, req, dpsvr_select_v4_server_sets));
+        *sentnum =
+            sent != 0 ? sent : std::max(0, select_and_send(q, req, dpsvr_select_v4_server_sets));
         return 0;
     }
     return 1; // no family: nothing sent, yet counted as forwarded
@@ -292,7 +318,8 @@ int send_by_family(query_ctx& q, dpsvr_select_request& req, int* sentnum) {
 // 0 when it answered or ended the query, -1 to fall through to the server failure.
 int execute_force_url(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableForceUrl=%d count=%d\n", q.pcb.client_id,
-                 static_cast<int>(dpcfg_is_force_url_feat_enabled()), static_cast<int>(force_url_count));
+                 static_cast<int>(dpcfg_is_force_url_feat_enabled()),
+                 static_cast<int>(force_url_count));
     if (dpcfg_is_force_url_feat_enabled() == 0 || force_url_count < 1) return -1;
     registration_state st{};
     const int ret = ask_registration_state(&st);
@@ -334,8 +361,8 @@ int forward_query_to_servers(query_ctx& q) {
     q.pkt.buf[0] = static_cast<uint8_t>(q.pcb.server_id >> 8);
     q.pkt.buf[1] = static_cast<uint8_t>(q.pcb.server_id & 0xFF);
     dpsvr_mark_first_dns_query();
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x isDslite=%u\n", q.pcb.client_id, q.pcb.server_id,
-                 dpcfg_is_dslite_enabled());
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x isDslite=%u\n", q.pcb.client_id,
+                 q.pcb.server_id, dpcfg_is_dslite_enabled());
     // 2. reverse look-ups of LAN addresses stay in the LAN
     if (execute_reject_ptr_local_ip(q) < 0) return kDropped;
     // 3. 4. classify and send
@@ -343,14 +370,16 @@ int forward_query_to_servers(query_ctx& q) {
     req.type = q.pcb.client.kind;
     std::memcpy(req.addr, q.pcb.client.addr, sizeof req.addr);
     std::snprintf(req.name, sizeof req.name, "%.255s", q.pkt.inf.name);
-    DPMAIN_TRACE(DP_DETAIL, "isDslite=%u type=%d\n", dpcfg_is_dslite_enabled(), static_cast<int>(req.type));
+    DPMAIN_TRACE(DP_DETAIL, "isDslite=%u type=%d\n", dpcfg_is_dslite_enabled(),
+                 static_cast<int>(req.type));
     int sentnum = 0;
     const int sent_ret = send_by_family(q, req, &sentnum);
     if (sent_ret < 0) return kDropped;
     const int result = (sentnum > 0 || sent_ret > 0) ? 0 : -1;
     q.pcb.query_count = static_cast<uint8_t>(sentnum);
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x sentnum=%d dnsret=%d time=%lu\n", q.pcb.client_id,
-                 q.pcb.server_id, sentnum, result, static_cast<unsigned long>(dputl_get_current_time()));
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x sentnum=%d dnsret=%d time=%lu\n",
+                 q.pcb.client_id, q.pcb.server_id, sentnum, result,
+                 static_cast<unsigned long>(dputl_get_current_time()));
     // 5. 6. nobody reached
     if (result != 0) {
         if (execute_force_url(q) < 0) server_failure(q);
@@ -366,8 +395,8 @@ int forward_query_to_servers(query_ctx& q) {
 
 } // namespace
 
-int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq, const dp_peer_addr* client,
-                     const uint8_t* packet, uint16_t len) {
+int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
+                     const dp_peer_addr* client, const uint8_t* packet, uint16_t len) {
     static dns_pkt pkt;
     dpxy_pcb image;
     // 1. the pcb image: who asked and what
@@ -378,7 +407,8 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     std::memcpy(image.pkt, packet, copy_len);
     image.client_id = copy_len >= 2 ? static_cast<uint16_t>(packet[0] << 8 | packet[1]) : 0;
     image.source = source;
-    std::snprintf(image.module_tag, sizeof image.module_tag, "%s", module_tag != nullptr ? module_tag : "");
+    std::snprintf(image.module_tag, sizeof image.module_tag, "%s",
+                  module_tag != nullptr ? module_tag : "");
     image.module_seq = module_seq;
     image.edns_mode = DPXY_EDNS_NONE;
     pkt.len = copy_len;
@@ -392,12 +422,14 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
         dp_stats.query_format_error++;
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp format err to query ret=%d\n", image.client_id, ret);
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp format err to query ret=%d\n", image.client_id,
+                     ret);
         error_answer(q, kRcodeFormErr);
         return -3;
     }
     // 4. 5. a query, not an answer
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x name=%s hostaddr=%s\n", image.client_id, pkt.inf.name, pkt.inf.hostaddr);
+    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x name=%s hostaddr=%s\n", image.client_id, pkt.inf.name,
+                 pkt.inf.hostaddr);
     if (is_query_valid(pkt.inf) < 0) {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x dropped for invalid query\n", image.client_id);
         return -4;
@@ -409,7 +441,8 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
         if (ret == -3) return -3;
         if (ret < 0) {
             dp_stats.query_format_error++;
-            DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp format err to query ret=%d\n", image.client_id, ret);
+            DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp format err to query ret=%d\n",
+                         image.client_id, ret);
             error_answer(q, kRcodeFormErr);
             return -3;
         }
@@ -417,7 +450,8 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     // 8. - 10. policies that answer everything
     if (dpcfg_is_force_register_enabled() != 0 && execute_force_register(q) < 0) return kDropped;
     if (dpcfg_is_lock_net_enabled() != 0) return execute_lock_net(q);
-    if (dpcfg_is_intercept_enabled() != 0 && dpcfg_is_dslite_enabled() == 0 && client->kind == DPIO_PEER_IPV4) {
+    if (dpcfg_is_intercept_enabled() != 0 && dpcfg_is_dslite_enabled() == 0 &&
+        client->kind == DPIO_PEER_IPV4) {
         return execute_intercept(q);
     }
     // 11. the client's MAC address for the servers
@@ -429,8 +463,8 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
         image.edns_mode = had_opt != 0 ? DPXY_EDNS_UPDATE_PAYLOAD : DPXY_EDNS_STRIP;
     }
     // 12. local tables
-    if (pkt.inf.qdcount == 1 || pkt.inf.qtype == DPENDEC_TYPE_A || pkt.inf.qtype == DPENDEC_TYPE_PTR ||
-        pkt.inf.qtype == DPENDEC_TYPE_AAAA) {
+    if (pkt.inf.qdcount == 1 || pkt.inf.qtype == DPENDEC_TYPE_A ||
+        pkt.inf.qtype == DPENDEC_TYPE_PTR || pkt.inf.qtype == DPENDEC_TYPE_AAAA) {
         const int local = resolve_query_from_local_cache(q);
         DPMAIN_TRACE(DP_DETAIL, "local resolve ret=%d\n", local);
         if (local == 1) return 0;
@@ -443,4 +477,6 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     return ret == kDropped ? kDropped : 0;
 }
 
-uint32_t dpxy_force_url_count() { return force_url_count; }
+uint32_t dpxy_force_url_count() {
+    return force_url_count;
+}

@@ -25,7 +25,8 @@ constexpr std::array<uint8_t, 32> make_probe() {
         size_t dot = name.find('.', start);
         if (dot == std::string_view::npos) dot = name.size();
         q[pos++] = static_cast<uint8_t>(dot - start);
-        for (size_t i = start; i < dot; ++i) q[pos++] = static_cast<uint8_t>(name[i]);
+        for (size_t i = start; i < dot; ++i)
+            q[pos++] = static_cast<uint8_t>(name[i]);
         start = dot + 1;
     }
     q[pos++] = 0;
@@ -40,10 +41,15 @@ std::array<uint8_t, 32> probe_packet = make_probe();
 uint32_t failed_count = 0;
 uint16_t probe_transid = 0;
 
-void probe_start(void* parm, acb*) { send_auto_query_probe_packet(parm); }
-void probe_period(void* parm) { send_auto_query_probe_packet(parm); }
+void probe_start(void* parm, acb*) {
+    send_auto_query_probe_packet(parm);
+}
+void probe_period(void* parm) {
+    send_auto_query_probe_packet(parm);
+}
 
-acb probe_action{nullptr, nullptr, 0, kProbePeriod, nullptr, probe_start, probe_period, nullptr, 0, 0};
+acb probe_action{nullptr, nullptr, 0, kProbePeriod, nullptr, probe_start, probe_period,
+                 nullptr, 0,       0};
 
 } // namespace
 
@@ -54,8 +60,8 @@ int send_auto_query_probe_packet(void*) {
     probe_transid = dputl_get_next_transaction_id();
     probe_packet[0] = static_cast<uint8_t>(probe_transid >> 8);
     probe_packet[1] = static_cast<uint8_t>(probe_transid & 0xFF);
-    dpsvr_send_query(probe_packet.data(), static_cast<uint16_t>(probe_packet.size()), dpsvr_get_hsi_server_set(),
-                     nullptr);
+    dpsvr_send_query(probe_packet.data(), static_cast<uint16_t>(probe_packet.size()),
+                     dpsvr_get_hsi_server_set(), nullptr);
     failed_count++;
     return 0;
 }
@@ -69,8 +75,14 @@ int handle_auto_query_probe_response(uint16_t server_id, const msginf* answer) {
     return -50;
 }
 
-void dpxy_reset_status_probe() { failed_count = 0; }
+void dpxy_reset_status_probe() {
+    failed_count = 0;
+}
 
-void dpxy_start_status_probe() { dputl_start_action(&probe_action, nullptr); }
+void dpxy_start_status_probe() {
+    dputl_start_action(&probe_action, nullptr);
+}
 
-uint32_t dpxy_status_failed_count() { return failed_count; }
+uint32_t dpxy_status_failed_count() {
+    return failed_count;
+}

@@ -9,22 +9,27 @@
 #include "server/dpsvr.h"
 
 namespace {
-const char* or_null(const char* s) { return s != nullptr ? s : "NULL"; }
+const char* or_null(const char* s) {
+    return s != nullptr ? s : "NULL";
+}
 } // namespace
 
 #define DPSVR_SIGNAL_HANDLER(name, action)                                                         \
-    int name(const char* itf, const char* signal, const void*, uint32_t) {                        \
+    int name(const char* itf, const char* signal, const void*, uint32_t) {                         \
         DPSERV_TRACE(DP_DETAIL, "%s itf=%s signal=%s\n", #name, or_null(itf), or_null(signal));    \
         return (action);                                                                           \
     }
 
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_system_dns_servers_signal, dpsvr_load_system_dns_servers())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_dns_servers_signal, dpsvr_load_v4_global_dns_servers())
-DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_filter_dns_servers_signal, dpsvr_load_v4_filter_dns_servers())
+DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_filter_dns_servers_signal,
+                     dpsvr_load_v4_filter_dns_servers())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v6_dns_servers_signal, dpsvr_load_v6_global_dns_servers())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_hsi_dns_servers_signal, dpsvr_load_v4_hsi_dns_servers())
-DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_voip_dns_servers_signal, dpsvr_load_v4_voip_dns_servers())
-DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_iptv_dns_servers_signal, dpsvr_load_v4_iptv_dns_servers())
+DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_voip_dns_servers_signal,
+                     dpsvr_load_v4_voip_dns_servers())
+DPSVR_SIGNAL_HANDLER(dpsvr_process_load_v4_iptv_dns_servers_signal,
+                     dpsvr_load_v4_iptv_dns_servers())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_d2a_cache_signal, dpcache_load_d2a_cache())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_d2d_cache_signal, dpcache_load_d2d_cache())
 DPSVR_SIGNAL_HANDLER(dpsvr_process_load_hosts_cache_signal, dpcache_load_hosts_cache())
@@ -43,7 +48,8 @@ DPSVR_SIGNAL_HANDLER(dpsvr_process_enable_redirect_signal, dpcfg_set_redirect(1)
 #undef DPSVR_SIGNAL_HANDLER
 
 // The DNS filter's first WAN interface name arrives as the signal's text argument.
-int dpsvr_process_load_first_wan_ifname_for_dns_filter_signal(const char*, const char*, const void* payload,
+int dpsvr_process_load_first_wan_ifname_for_dns_filter_signal(const char*, const char*,
+                                                              const void* payload,
                                                               uint32_t length) {
     char name[128] = "";
     if (payload != nullptr && length != 0) {
