@@ -388,7 +388,7 @@ int forward_query_to_servers(query_ctx& q) {
     // 7. remember it
     q.pcb.pkt_len = q.pkt.len;
     std::memcpy(q.pcb.pkt, q.pkt.buf, q.pkt.len);
-    std::snprintf(q.pcb.d2d_name, sizeof q.pcb.d2d_name, "%s", q.pkt.inf.d2d);
+    std::snprintf(q.pcb.d2d_name, sizeof q.pcb.d2d_name, "%.255s", q.pkt.inf.d2d);
     add_proxy_ctrlblk(&q.pcb, result);
     return 0;
 }

@@ -208,7 +208,7 @@ const ombusInterestedSignal kSignals[] = {
 };
 
 void match_rule(const ombusInterestedSignal& row, char* out, size_t size) {
-    std::snprintf(out, size, "type='signal',interface='%s',member='%s'", row.interface, row.member);
+    std::snprintf(out, size, "type='signal',interface='%.63s',member='%.63s'", row.interface, row.member);
 }
 
 int subscribed_rows(bool with_cli) {
