@@ -28,6 +28,15 @@ struct message_buffer {
     }
 };
 
+// The untouched copy that the edits put back from.
+dns_pkt copy_of(const uint8_t* data, uint16_t size, const msginf& inf) {
+    dns_pkt p;
+    std::memcpy(p.buf, data, size);
+    p.len = size;
+    p.inf = inf;
+    return p;
+}
+
 uint16_t get16(const uint8_t* p) {
     return static_cast<uint16_t>(p[0] << 8 | p[1]);
 }
@@ -98,10 +107,7 @@ void inspect(const uint8_t* data, uint16_t size, const msginf& inf) {
 
 // Insertion, then stripping of what was inserted.
 void insert_and_strip(const uint8_t* data, uint16_t size, const msginf& inf) {
-    dns_pkt backup;
-    std::memcpy(backup.buf, data, size);
-    backup.len = size;
-    backup.inf = inf;
+    const dns_pkt backup = copy_of(data, size, inf);
     message_buffer m(data, size);
     msginf info = inf;
     int had_opt = 0;
@@ -124,10 +130,7 @@ void insert_and_strip(const uint8_t* data, uint16_t size, const msginf& inf) {
     // The answer to it comes back with the proxy's record: taking it out gives the query back,
     // unless bytes behind the records were taken for a record once the count grew, or a record
     // before the proxy's cannot be decoded.
-    dns_pkt sent;
-    std::memcpy(sent.buf, m.buf.get(), m.len);
-    sent.len = m.len;
-    sent.inf = info;
+    const dns_pkt sent = copy_of(m.buf.get(), m.len, info);
     const int ret = dpedns_strip_option41(&sent, m.buf.get(), &m.len, &info);
     const int count = get_edns_array_count(data, size, &inf);
     if (records_end(data, size) == size && (count == 0 || count == -1))
@@ -136,10 +139,7 @@ void insert_and_strip(const uint8_t* data, uint16_t size, const msginf& inf) {
 
 // Stripping the first OPT record from the message as an answer.
 void strip_answer(const uint8_t* data, uint16_t size, const msginf& inf) {
-    dns_pkt backup;
-    std::memcpy(backup.buf, data, size);
-    backup.len = size;
-    backup.inf = inf;
+    const dns_pkt backup = copy_of(data, size, inf);
     message_buffer m(data, size);
     msginf info = inf;
     rrinf opt;
