@@ -1,6 +1,5 @@
 // The module message channel: registration-state requests to the management module, service
 // status indications and query responses to the status collector, and the generic receive.
-#include <dbus/dbus.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -137,19 +136,7 @@ void dpio_send_csmsg_query_response(uint32_t is_aaaa, const char* name, int32_t 
 }
 
 int dpio_publish_query_response(const void* payload, uint32_t len) {
-    DBusConnection* conn = ombusGetConnection();
-    if (conn == nullptr) return -1;
-    DBusMessage* sig = dbus_message_new_signal(kBusPath, kBusInterface, kBusMember);
-    if (sig == nullptr) return -1;
-    const auto* bytes = static_cast<const unsigned char*>(payload);
-    const int n = static_cast<int>(len);
-    const bool built = dbus_message_append_args(sig, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &bytes, n,
-                                                DBUS_TYPE_INVALID) != 0;
-    const bool sent = built && dbus_connection_send(conn, sig, nullptr) != 0;
-    dbus_message_unref(sig);
-    if (!sent) return -1;
-    dbus_connection_flush(conn);
-    return 0;
+    return ombusEmitSignal(kBusPath, kBusInterface, kBusMember, payload, len) == OMBUS_OK ? 0 : -1;
 }
 
 void dpio_send_query_response_to_module(const char* module, int32_t seq, uint32_t is_aaaa,

@@ -785,6 +785,7 @@ int ombusEmitSignal(const char* path, const char* interface, const char* member,
         !dbus_connection_send(conn, msg.get(), nullptr)) {
         return set_status(OMBUS_ERR_SEND);
     }
+    dbus_connection_flush(conn); // out now, also for a caller that runs no loop
     return set_status(OMBUS_OK);
 }
 
