@@ -103,8 +103,8 @@ void link_at_head(cache_entry** list, cache_entry* e) {
 
 // Copies at most dstlen - 1 characters and terminates; dstlen 0 copies nothing.
 void copy_answer(char* dst, size_t dstlen, const char* text) {
-    if (dst == nullptr || dstlen == 0) return;
-    std::snprintf(dst, dstlen, "%s", text);
+    if (dst == nullptr) return;
+    dputl_copy_text(dst, dstlen, text);
 }
 
 // Evicts from a full dynamic cache: every stale entry, or when none is stale the head, which is

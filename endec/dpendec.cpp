@@ -230,12 +230,24 @@ void reverse_name_to_v4(std::string_view name, std::span<char> hostaddr) {
     std::snprintf(hostaddr.data(), hostaddr.size(), "%u.%u.%u.%u", d, c, b, a);
 }
 
+// Dotted text of four address bytes, as inet_ntop writes it, without the formatting machinery
+// that costs more than the rest of parsing an answer. out holds at least 16 bytes.
+void ipv4_text(const uint8_t* a, std::span<char> out) {
+    char* p = out.data();
+    for (int i = 0; i < 4; ++i) {
+        const unsigned v = a[i];
+        if (v >= 100) *p++ = static_cast<char>('0' + v / 100);
+        if (v >= 10) *p++ = static_cast<char>('0' + v / 10 % 10);
+        *p++ = static_cast<char>('0' + v % 10);
+        *p++ = i < 3 ? '.' : '\0';
+    }
+}
+
 // Text of an address answer: rdata of exactly the family's size, else empty.
 void address_text(const dns_rr& rr, uint16_t qtype, std::span<char> out) {
     out[0] = '\0';
     if (qtype == DPENDEC_TYPE_A && rr.rdlen == 4) {
-        if (inet_ntop(AF_INET, rr.rdata, out.data(), static_cast<socklen_t>(out.size())) == nullptr)
-            out[0] = '\0';
+        if (out.size() >= INET_ADDRSTRLEN) ipv4_text(rr.rdata, out);
     } else if (qtype == DPENDEC_TYPE_AAAA && rr.rdlen == 16) {
         if (inet_ntop(AF_INET6, rr.rdata, out.data(), static_cast<socklen_t>(out.size())) ==
             nullptr)

@@ -154,6 +154,14 @@ int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out) {
     return read_if_ipv4(ifname, SIOCGIFNETMASK, out);
 }
 
+size_t dputl_copy_text(char* dst, size_t size, const char* src) {
+    if (size == 0) return 0;
+    const size_t n = src != nullptr ? strnlen(src, size - 1) : 0;
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+    return n;
+}
+
 int dputl_split_line(char* line, const char* delims, int n, char** fields) {
     line[std::strcspn(line, "\r\n")] = '\0';
     char* save = nullptr;

@@ -2,6 +2,7 @@
 // interface address readers, the line splitter and the fixed-path helper.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // ---- fixed paths -------------------------------------------------------------------------
@@ -71,6 +72,12 @@ acb* dputl_action_list_head();
 // be opened; the ioctl's -1 (with *out set to 0) when the interface has none.
 int dputl_get_if_ipv4_addr(const char* ifname, uint32_t* out);
 int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out);
+
+// ---- texts -------------------------------------------------------------------------------
+
+// Copies src into dst of size bytes: at most size - 1 characters, always terminated (nothing
+// for size 0). Returns the characters copied. The packet path's copy: no formatting machinery.
+size_t dputl_copy_text(char* dst, size_t size, const char* src);
 
 // ---- line splitter -----------------------------------------------------------------------
 

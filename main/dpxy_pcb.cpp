@@ -1,5 +1,6 @@
 #include "main/dpxy_pcb.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,8 @@
 #include "config/dpcfg.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
+#include "edns/dpedns.h"
+#include "endec/dpendec.h"
 #include "main/dputl.h"
 #include "server/dpsvr.h"
 
@@ -83,7 +86,9 @@ int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
     auto* pcb = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb)));
     if (pcb == nullptr) return -1; // the answer will find no pcb and be dropped
     DPMAIN_TRACE(DP_DETAIL, "pcb=%p\n", static_cast<void*>(pcb));
-    std::memcpy(pcb, image, sizeof *pcb);
+    // The packet area is copied only as far as the packet goes.
+    std::memcpy(pcb, image, offsetof(dpxy_pcb, pkt) + image->pkt_len);
+    std::memcpy(pcb->d2d_name, image->d2d_name, sizeof(dpxy_pcb) - offsetof(dpxy_pcb, d2d_name));
     pcb->expiry = dputl_get_current_time() + DPXY_PCB_LIFETIME;
     link_newest(pcb);
     return 0;
