@@ -5,9 +5,12 @@
   local    answers from the proxy's own table (a D2A entry; dnsmasq --address)
 
 Prints queries per second, average latency and peak RSS of both, and their ratios
-(dnsproxy / dnsmasq). Usage, as root, after building build/dnsproxy (release build):
+(dnsproxy / dnsmasq). With --instructions it also runs each daemon under callgrind for a fixed
+number of queries and prints the user-space instructions per query: a count that does not
+depend on what else the machine is doing, unlike the timings. Usage, as root, after building
+build/dnsproxy (release build):
 
-    bench/dnsperf_compare.py [--seconds 10] [--clients 4] [--outstanding 100]
+    bench/dnsperf_compare.py [--seconds 10] [--clients 4] [--outstanding 100] [--instructions]
 """
 import argparse
 import re
@@ -47,10 +50,60 @@ def run_dnsperf(lab, names, seconds, clients, outstanding):
     return {"qps": qps, "latency_ms": lat * 1000, "lost": lost}
 
 
-def bench_dnsproxy(lab, role, args):
+def configure_dnsproxy(lab):
     lab.write("/etc/resolv.conf", f"nameserver {KNOT_ADDR}\n")
     lab.write("/etc/dns_d2a.conf", "192.0.2.80 printer.home\n")
     lab.write("/etc/flipla.conf", "EnableD2AFeature=1\nSystemDnsServerSetPolicy=0\n")
+
+
+def dnsmasq_argv(lab, role):
+    argv = ["dnsmasq", "--keep-in-foreground", "--no-resolv", "--no-hosts", "--bind-interfaces",
+            f"--listen-address={GW_LAN_V4}", "--port=53", "--cache-size=0", "--user=root",
+            f"--pid-file={lab.dir / 'dnsmasq.pid'}", f"--server={KNOT_ADDR}", "--dns-forward-max=1000"]
+    if role == "local":
+        argv.append("--address=/printer.home/192.0.2.80")
+    return argv
+
+
+def wait_answering(lab, role, timeout=60):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if not lab.query("printer.home" if role == "local" else "www.lab.example", timeout=0.5).get("timeout"):
+            return
+    raise RuntimeError("the daemon under test does not answer")
+
+
+def callgrind_total(lab, argv, role, queries):
+    """Instructions of a whole run under callgrind that answered the given number of queries."""
+    out = lab.dir / f"callgrind.{argv[0].rsplit('/', 1)[-1]}.{role}.{queries}"
+    proc = subprocess.Popen(lab.exec_argv("gw", ["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}", *argv]),
+                            env=lab.env(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        wait_answering(lab, role)
+        if queries:
+            qfile = lab.dir / "queries.txt"
+            qfile.write_text("\n".join(FORWARD_NAMES if role == "forward" else LOCAL_NAMES) + "\n")
+            subprocess.run(lab.exec_argv("lan", ["dnsperf", "-s", GW_LAN_V4, "-d", str(qfile), "-n", "1",
+                                                 "-c", "1", "-q", "20", "-t", "5"]), capture_output=True)
+            subprocess.run(lab.exec_argv("lan", ["dnsperf", "-s", GW_LAN_V4, "-d", str(qfile), "-n",
+                                                 str(queries // len(qfile.read_text().splitlines())), "-q", "20"]),
+                           capture_output=True, timeout=600)
+    finally:
+        proc.terminate()
+        proc.wait(timeout=60)
+    text = subprocess.run(["callgrind_annotate", str(out)], capture_output=True, text=True).stdout
+    return int(re.search(r"([\d,]+) \(100\.0%\)\s+PROGRAM TOTALS", text).group(1).replace(",", ""))
+
+
+def instructions_per_query(lab, argv, role, queries=12000):
+    """The difference of a loaded and an idle run: start-up and shutdown cancel out."""
+    idle = callgrind_total(lab, argv, role, 0)
+    loaded = callgrind_total(lab, argv, role, queries)
+    return (loaded - idle) / queries
+
+
+def bench_dnsproxy(lab, role, args):
+    configure_dnsproxy(lab)
     d = lab.start_dnsproxy()
     names = FORWARD_NAMES if role == "forward" else LOCAL_NAMES
     res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding)
@@ -60,18 +113,10 @@ def bench_dnsproxy(lab, role, args):
 
 
 def bench_dnsmasq(lab, role, args):
-    argv = ["dnsmasq", "--keep-in-foreground", "--no-resolv", "--no-hosts", "--bind-interfaces",
-            f"--listen-address={GW_LAN_V4}", "--port=53", "--cache-size=0", "--user=root",
-            f"--pid-file={lab.dir / 'dnsmasq.pid'}", f"--server={KNOT_ADDR}", "--dns-forward-max=1000"]
-    if role == "local":
-        argv.append("--address=/printer.home/192.0.2.80")
-    proc = subprocess.Popen(lab.exec_argv("gw", argv), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    proc = subprocess.Popen(lab.exec_argv("gw", dnsmasq_argv(lab, role)), stdout=subprocess.DEVNULL,
+                            stderr=subprocess.DEVNULL)
     try:
-        deadline = time.monotonic() + 10
-        while time.monotonic() < deadline:  # ready when it answers
-            r = lab.query("printer.home" if role == "local" else "www.lab.example", timeout=0.5)
-            if not r.get("timeout"):
-                break
+        wait_answering(lab, role)
         names = FORWARD_NAMES if role == "forward" else LOCAL_NAMES
         res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding)
         res["rss_kib"] = rss_peak_kib(proc.pid)
@@ -86,6 +131,7 @@ def main():
     p.add_argument("--seconds", type=int, default=10)
     p.add_argument("--clients", type=int, default=4)
     p.add_argument("--outstanding", type=int, default=100)
+    p.add_argument("--instructions", action="store_true", help="also count instructions per query (callgrind)")
     args = p.parse_args()
     lab = Lab().up()
     results = {}
@@ -94,6 +140,10 @@ def main():
         for role in ("forward", "local"):
             results[(role, "dnsproxy")] = bench_dnsproxy(lab, role, args)
             results[(role, "dnsmasq")] = bench_dnsmasq(lab, role, args)
+            if args.instructions:
+                configure_dnsproxy(lab)
+                results[(role, "dnsproxy")]["ipq"] = instructions_per_query(lab, [dnsproxy_binary()], role)
+                results[(role, "dnsmasq")]["ipq"] = instructions_per_query(lab, dnsmasq_argv(lab, role), role)
     finally:
         lab.down()
     print(f"dnsperf {args.seconds} s, {args.clients} clients, {args.outstanding} outstanding; binary {dnsproxy_binary()}")
@@ -103,8 +153,11 @@ def main():
     print("ratios dnsproxy/dnsmasq (qps: higher is better; latency, RSS: lower is better)")
     for role in ("forward", "local"):
         a, b = results[(role, "dnsproxy")], results[(role, "dnsmasq")]
-        print(f"{role:8} qps {a['qps'] / b['qps']:.2f}  latency {a['latency_ms'] / b['latency_ms']:.2f}  "
-              f"RSS {a['rss_kib'] / b['rss_kib']:.2f}")
+        line = (f"{role:8} qps {a['qps'] / b['qps']:.2f}  latency {a['latency_ms'] / b['latency_ms']:.2f}  "
+                f"RSS {a['rss_kib'] / b['rss_kib']:.2f}")
+        if args.instructions:
+            line += f"  instructions/query {a['ipq']:.0f} vs {b['ipq']:.0f} ({a['ipq'] / b['ipq']:.2f})"
+        print(line)
     return 0
 
 
