@@ -15,42 +15,11 @@ namespace {
 constexpr const char* kD2aFile = "/etc/dns_d2a.conf";
 constexpr const char* kD2dFile = "/etc/dns_d2d.conf";
 
-// One physical line of a table file. The format allows 256 bytes with the terminator; whatever
-// a line holds beyond that is read and dropped, never taken as a line of its own.
-struct file_line {
-    char text[256];
-    size_t len;   // bytes kept in text
-    bool cut;     // the line was longer than text holds
-    bool has_nul; // the line holds a NUL byte: binary garbage, not text
-    unsigned no;  // line number, for traces
-};
-
-// Reads up to and including the next newline. False at end of file with nothing read.
-bool read_line(FILE* f, file_line& line) {
-    line.len = 0;
-    line.cut = false;
-    line.has_nul = false;
-    bool any = false;
-    for (int c = std::getc(f); c != EOF; c = std::getc(f)) {
-        any = true;
-        if (c == '\n') break;
-        if (c == '\0') line.has_nul = true;
-        if (line.len < sizeof line.text - 1) {
-            line.text[line.len++] = static_cast<char>(c);
-        } else {
-            line.cut = true;
-        }
-    }
-    line.text[line.len] = '\0';
-    if (any) ++line.no;
-    return any;
-}
-
 // Splits a line into its value (first) and name (second) tokens. A line is skipped when it
 // holds a NUL byte, has fewer than two tokens, or either token is a comment. An over-long line
 // keeps its two tokens only when the name ends inside the kept part: a name running into the
 // cut may be a truncated name, and storing a wrong name is worse than storing none.
-bool split_entry_line(file_line& line, char** value, char** name) {
+bool split_entry_line(dputl_line& line, char** value, char** name) {
     if (line.has_nul) {
         DPCACH_TRACE(DP_WARN, "line %u skipped: binary data\n", line.no);
         return false;
@@ -58,9 +27,9 @@ bool split_entry_line(file_line& line, char** value, char** name) {
     char* fields[2];
     if (dputl_split_line(line.text, " \t", 2, fields) != 1) return false;
     if (fields[0][0] == '#' || fields[1][0] == '#') return false;
-    if (line.cut && fields[1] + std::strlen(fields[1]) == line.text + line.len) {
+    if (dputl_token_cut(&line, fields[1])) {
         DPCACH_TRACE(DP_WARN, "line %u skipped: longer than %zu characters\n", line.no,
-                     sizeof line.text - 1);
+                     line.cap - 1);
         return false;
     }
     *value = fields[0];
@@ -85,7 +54,7 @@ uint32_t canonical_address(const char* text, char* out, size_t outlen) {
 }
 
 // Adds one line of an address file (D2A, hosts). 1 when an entry was added.
-int add_address_line(cache_entry** list, file_line& line) {
+int add_address_line(cache_entry** list, dputl_line& line) {
     char *value, *name;
     if (!split_entry_line(line, &value, &name)) return 0;
     char canonical[INET6_ADDRSTRLEN];
@@ -98,13 +67,13 @@ int add_address_line(cache_entry** list, file_line& line) {
 }
 
 // Adds one line of the D2D file: the name to ask for instead, then the queried name.
-int add_rewrite_line(cache_entry** list, file_line& line) {
+int add_rewrite_line(cache_entry** list, dputl_line& line) {
     char *value, *name;
     if (!split_entry_line(line, &value, &name)) return 0;
     return add_cache(list, name, DPCACHE_TYPE_D2D, value, DPCACHE_NEVER_EXPIRES) >= 0 ? 1 : 0;
 }
 
-using line_adder = int (*)(cache_entry** list, file_line& line);
+using line_adder = int (*)(cache_entry** list, dputl_line& line);
 
 // The common loader: purge, read every line, trace, and at the detail level (the level of the
 // loader's own trace, so whoever follows a reload sees what it produced) dump the list.
@@ -115,10 +84,12 @@ int load_table(cache_entry** list, const char* path, const char* dump_name, line
     FILE* const f = std::fopen(path, "r");
     if (f == nullptr) return 0;
     // 3-5. Each line on its own: a bad line is skipped and costs nothing else.
-    file_line line;
+    // The format allows 256 bytes a line with the terminator.
+    dputl_line line;
+    line.cap = 256;
     line.no = 0;
     uint32_t count = 0;
-    while (read_line(f, line))
+    while (dputl_read_line(f, &line))
         count += static_cast<uint32_t>(add(list, line));
     std::fclose(f);
     // 6.

@@ -162,6 +162,32 @@ size_t dputl_copy_text(char* dst, size_t size, const char* src) {
     return n;
 }
 
+bool dputl_read_line(std::FILE* f, dputl_line* line) {
+    const size_t cap =
+        line->cap == 0 || line->cap > sizeof line->text ? sizeof line->text : line->cap;
+    line->len = 0;
+    line->cut = false;
+    line->has_nul = false;
+    bool any = false;
+    for (int c = std::getc(f); c != EOF; c = std::getc(f)) {
+        any = true;
+        if (c == '\n') break;
+        if (c == '\0') line->has_nul = true;
+        if (line->len < cap - 1) {
+            line->text[line->len++] = static_cast<char>(c);
+        } else {
+            line->cut = true;
+        }
+    }
+    line->text[line->len] = '\0';
+    if (any) ++line->no;
+    return any;
+}
+
+bool dputl_token_cut(const dputl_line* line, const char* token) {
+    return line->cut && token + std::strlen(token) == line->text + line->len;
+}
+
 int dputl_split_line(char* line, const char* delims, int n, char** fields) {
     line[std::strcspn(line, "\r\n")] = '\0';
     char* save = nullptr;

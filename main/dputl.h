@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // ---- fixed paths -------------------------------------------------------------------------
 
@@ -78,6 +79,24 @@ int dputl_get_if_ipv4_netmask(const char* ifname, uint32_t* out);
 // Copies src into dst of size bytes: at most size - 1 characters, always terminated (nothing
 // for size 0). Returns the characters copied. The packet path's copy: no formatting machinery.
 size_t dputl_copy_text(char* dst, size_t size, const char* src);
+
+// ---- table files -----------------------------------------------------------------------------
+
+// One physical line of a text table, kept up to the size the format allows; whatever a longer
+// line holds beyond that is read and dropped, never taken as a line of its own.
+struct dputl_line {
+    char text[1024];
+    size_t cap;   // bytes the format allows, with the terminator (at most sizeof text)
+    size_t len;   // bytes kept in text
+    bool cut;     // the line was longer than the format allows
+    bool has_nul; // the line holds a NUL byte: binary garbage, not text
+    unsigned no;  // line number, for traces (0 before the first line)
+};
+
+// Reads up to and including the next newline. False at end of file with nothing read.
+bool dputl_read_line(std::FILE* f, dputl_line* line);
+// True when the line was cut and the token (inside text) runs into the cut: it may be truncated.
+bool dputl_token_cut(const dputl_line* line, const char* token);
 
 // ---- line splitter -----------------------------------------------------------------------
 

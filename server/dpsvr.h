@@ -244,7 +244,8 @@ uint32_t dpsvr_src_lease_count();
 //
 // Each is called with the received signal's interface and member (either may be null) and its
 // first argument; it traces itself and does one thing, whose result it returns.
-#define DPSVR_SIGNAL_HANDLER_DECL(name) int name(const char* itf, const char* signal, const void* payload, uint32_t length)
+#define DPSVR_SIGNAL_HANDLER_DECL(name)                                                            \
+    int name(const char* itf, const char* signal, const void* payload, uint32_t length)
 DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_system_dns_servers_signal);
 DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_dns_servers_signal);
 DPSVR_SIGNAL_HANDLER_DECL(dpsvr_process_load_v4_filter_dns_servers_signal);

@@ -58,43 +58,11 @@ uint32_t free_list(file_list<T>& list) {
 
 // ---- text lines -------------------------------------------------------------------------------
 
-// One physical line of a table file, kept up to the format's size. Whatever a line holds beyond
-// that is read and dropped, never taken as a line of its own.
-struct table_line {
-    char text[kVciLine];
-    size_t cap;   // bytes the format allows, with the terminator
-    size_t len;   // bytes kept in text
-    bool cut;     // the line was longer than the format allows
-    bool has_nul; // the line holds a NUL byte: binary garbage, not text
-    unsigned no;  // line number, for traces
-};
-
-// Reads up to and including the next newline. False at end of file with nothing read.
-bool read_line(FILE* f, table_line& line) {
-    line.len = 0;
-    line.cut = false;
-    line.has_nul = false;
-    bool any = false;
-    for (int c = std::getc(f); c != EOF; c = std::getc(f)) {
-        any = true;
-        if (c == '\n') break;
-        if (c == '\0') line.has_nul = true;
-        if (line.len < line.cap - 1) {
-            line.text[line.len++] = static_cast<char>(c);
-        } else {
-            line.cut = true;
-        }
-    }
-    line.text[line.len] = '\0';
-    if (any) ++line.no;
-    return any;
-}
-
 // Splits a line into its first n tokens. A blank line is passed over quietly; a line with binary
 // data or too few tokens is skipped with a trace. An over-long line keeps its tokens only when
 // the last one ends inside the kept part: a token running into the cut may be truncated, and a
 // truncated pattern or service text would classify wrongly.
-bool split_table_line(const char* file, table_line& line, int n, char** fields) {
+bool split_dputl_line(const char* file, dputl_line& line, int n, char** fields) {
     if (line.has_nul) {
         DPSERV_TRACE(DP_DETAIL, "%s line %u skipped: binary data\n", file, line.no);
         return false;
@@ -105,7 +73,7 @@ bool split_table_line(const char* file, table_line& line, int n, char** fields) 
         DPSERV_TRACE(DP_DETAIL, "%s line %u skipped: missing fields\n", file, line.no);
         return false;
     }
-    if (line.cut && fields[n - 1] + std::strlen(fields[n - 1]) == line.text + line.len) {
+    if (dputl_token_cut(&line, fields[n - 1])) {
         DPSERV_TRACE(DP_DETAIL, "%s line %u skipped: longer than %zu characters\n", file, line.no,
                      line.cap - 1);
         return false;
@@ -113,18 +81,18 @@ bool split_table_line(const char* file, table_line& line, int n, char** fields) 
     return true;
 }
 
-using line_parser = int (*)(const char* file, table_line& line);
+using line_parser = int (*)(const char* file, dputl_line& line);
 
 // Reads every line of a fixed file through parse; returns the sum of what parse returns.
 int read_table_file(const char* fixed, size_t line_size, line_parser parse) {
     const dputl_path path = dputl_fixed_path(fixed);
     FILE* const f = std::fopen(path.s, "r");
     if (f == nullptr) return 0;
-    table_line line;
+    dputl_line line;
     line.cap = line_size;
     line.no = 0;
     int count = 0;
-    while (read_line(f, line))
+    while (dputl_read_line(f, &line))
         count += parse(path.s, line);
     std::fclose(f);
     return count;
@@ -139,9 +107,9 @@ void lower_ascii(char* s) {
 }
 
 // "<pattern> <mode> <service>". 1 when an entry was added.
-int add_name_filter_line(const char* file, table_line& line) {
+int add_name_filter_line(const char* file, dputl_line& line) {
     char* tok[3];
-    if (!split_table_line(file, line, 3, tok)) return 0;
+    if (!split_dputl_line(file, line, 3, tok)) return 0;
     auto* e = static_cast<name_filter*>(std::calloc(1, sizeof(name_filter)));
     if (e == nullptr) return 0;
     // The line is shorter than name, so the pattern always fits whole.
@@ -187,9 +155,9 @@ bool parse_ipv4(const char* text, char* str, size_t str_size, uint32_t* addr) {
 }
 
 // "<vci hex> <start> <end> <service>". 1 when an entry was added.
-int add_vci_line(const char* file, table_line& line) {
+int add_vci_line(const char* file, dputl_line& line) {
     char* tok[4];
-    if (!split_table_line(file, line, 4, tok)) return 0;
+    if (!split_dputl_line(file, line, 4, tok)) return 0;
     auto* e = static_cast<vci_entry*>(std::calloc(1, sizeof(vci_entry)));
     if (e == nullptr) return 0;
     const char* bad = nullptr;
