@@ -486,6 +486,12 @@ int dpendec_parse_dns_rr(const uint8_t* msg, uint16_t len, const rrinf* info, in
     return 0;
 }
 
+void dpendec_copy_pkt(dns_pkt* dst, const dns_pkt* src) {
+    dst->len = std::min(src->len, DPENDEC_MSG_SIZE);
+    std::memcpy(dst->buf, src->buf, dst->len);
+    dst->inf = src->inf;
+}
+
 int dpendec_compose_dns_msg_inf(const uint8_t* msg, uint16_t len, msginf* info) {
     // 1-2. the header
     dns_header h;

@@ -74,6 +74,10 @@ struct dns_pkt {
     msginf inf;
 };
 
+// A copy of a packet as far as its message goes, with its parsed view: the backup an edit puts
+// back when its result no longer parses.
+void dpendec_copy_pkt(dns_pkt* dst, const dns_pkt* src);
+
 // One decoded record. rdlen is the RDLENGTH as received; at most 256 rdata bytes are kept.
 struct dns_rr {
     char name[DPENDEC_NAME_SIZE];

@@ -90,17 +90,21 @@ int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
     return 0;
 }
 
-// Undoes what the proxy did to the query's EDNS on the way out.
-void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt, const dns_pkt& backup) {
+// Undoes what the proxy did to the query's EDNS on the way out. Stripping works on a backup of
+// the answer as it came (message, length and parsed view), put back if the result no longer
+// parses; the payload rewrite changes two bytes in place and needs none.
+void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt) {
     if (pcb->edns_mode == DPXY_EDNS_NONE) return;
     if (pcb->edns_mode != DPXY_EDNS_STRIP) {
         dpedns_update_edns_payload(pkt.buf, pkt.len, &pkt.inf);
-    } else {
-        dpedns_strip_option41(&backup, pkt.buf, &pkt.len, &pkt.inf);
+        return;
     }
+    static dns_pkt backup;
+    dpendec_copy_pkt(&backup, &pkt);
+    dpedns_strip_option41(&backup, pkt.buf, &pkt.len, &pkt.inf);
 }
 
-int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const dns_pkt& copy) {
+int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
     // 3. parse
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
@@ -126,7 +130,7 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt, const dns_pkt& c
         return handle_auto_query_probe_response(pkt.inf.id, &pkt.inf);
     }
     // 9. 10. undo the proxy's EDNS changes
-    if (dpcfg_is_edns_enabled() != 0) undo_edns(pcb, pkt, copy);
+    if (dpcfg_is_edns_enabled() != 0) undo_edns(pcb, pkt);
     DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", pkt.inf.id,
                  static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count,
                  pcb->response_count);
@@ -166,11 +170,7 @@ int dpxy_handle_server_packet(int fd) {
         return ret;
     }
     dp_stats.server_packet_recv++;
-    // 2. the answer as it came, to put back when an EDNS edit leaves it unparsable
-    static dns_pkt copy;
-    copy.len = pkt.len;
-    std::memcpy(copy.buf, pkt.buf, pkt.len);
-    ret = handle_dns_response(from, pkt, copy);
+    ret = handle_dns_response(from, pkt);
     DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
     return ret;
 }

@@ -60,9 +60,26 @@ void link_newest(dpxy_pcb* pcb) {
     if (++pcbs.count > pcbs.max_count) pcbs.max_count = pcbs.count;
 }
 
+// The EDNS fix of a held answer is worked on a copy, and the answer goes out as it was stored:
+// the response path fixed it already when it was held.
+void fix_edns_of_copy(const dpxy_pcb* pcb) {
+    static dns_pkt copy;
+    static dns_pkt backup;
+    copy.len = pcb->pkt_len;
+    std::memcpy(copy.buf, pcb->pkt, pcb->pkt_len);
+    if (dpendec_compose_dns_msg_inf(copy.buf, copy.len, &copy.inf) < 0) return;
+    if (pcb->edns_mode != DPXY_EDNS_STRIP) {
+        dpedns_update_edns_payload(copy.buf, copy.len, &copy.inf);
+        return;
+    }
+    dpendec_copy_pkt(&backup, &copy);
+    dpedns_strip_option41(&backup, copy.buf, &copy.len, &copy.inf);
+}
+
 void send_held_answer(const dpxy_pcb* pcb) {
     DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n", pcb->client_id,
                  pcb->server_id);
+    if (dpcfg_is_edns_enabled() != 0 && pcb->edns_mode != DPXY_EDNS_NONE) fix_edns_of_copy(pcb);
     send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
 }
 

@@ -350,7 +350,7 @@ void server_failure(query_ctx& q) {
     put_client_id(q);
     if (dpcfg_is_edns_enabled() != 0) {
         static dns_pkt backup;
-        backup = q.pkt;
+        dpendec_copy_pkt(&backup, &q.pkt);
         dpedns_strip_option41(&backup, q.pkt.buf, &q.pkt.len, &q.pkt.inf);
     }
     error_answer(q, kRcodeServFail);
@@ -458,7 +458,7 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     // 11. the client's MAC address for the servers
     if (dpcfg_is_edns_enabled() != 0) {
         static dns_pkt backup;
-        backup = pkt;
+        dpendec_copy_pkt(&backup, &pkt);
         int had_opt = 0;
         dpedns_insert_option41(&backup, pkt.buf, &pkt.len, client, &pkt.inf, &had_opt);
         image.edns_mode = had_opt != 0 ? DPXY_EDNS_UPDATE_PAYLOAD : DPXY_EDNS_STRIP;

@@ -259,4 +259,39 @@ TEST_F(Pcbs, ExpiryInCreationOrderSendsOnlyHeldClientAnswers) {
     EXPECT_EQ(dpxy_timed_out_count(), 3u);
 }
 
+TEST_F(Pcbs, HeldAnswerLeavesAsStoredWhileItsEdnsFixRunsOnACopy) {
+    if (!enter_private_network()) GTEST_SKIP() << "needs root for a private network namespace";
+    create_client_socket();
+    UdpPeer client("127.0.0.20", 5353);
+    ASSERT_TRUE(client.ok());
+    // An empty answer still carrying the proxy's own OPT record with the client-MAC option.
+    const std::vector<uint8_t> held = {
+        0x00, 0x07, 0x81, 0x80, 0,   1,   0,   0,    0,    0,   0,   1,   1,   'a',
+        4,    't',  'e',  's',  't', 0,   0,   1,    0,    1,   0,   0,   41,  0x02,
+        0x0B, 0,    0,    0,    0,   0,   21,  0xFE, 0x31, 0,   17,  '0', '2', ':',
+        '0',  '0',  ':',  '0',  '0', ':', '0', '0',  ':',  '0', '0', ':', '1', '0'};
+    dpxy_pcb p = image(7, DPXY_SRC_CLIENT, 1);
+    p.edns_mode = DPXY_EDNS_STRIP;
+    p.pkt_len = static_cast<uint16_t>(held.size());
+    std::memcpy(p.pkt, held.data(), held.size());
+    p.client.kind = DPIO_PEER_IPV4;
+    inet_pton(AF_INET6, "::ffff:127.0.0.20", p.client.addr);
+    p.client.port = 5353;
+    p.client.sa.sin6_family = AF_INET6;
+    p.client.sa.sin6_port = htons(5353);
+    std::memcpy(&p.client.sa.sin6_addr, p.client.addr, 16);
+    add_proxy_ctrlblk(&p, 0);
+    dpcfg_set_edns(1);
+    define_debug_level("proxy", "pkt");
+    StderrCapture err;
+    clock.advance(5);
+    handle_expired_query();
+    define_debug_mode(0);
+    dpio_close_sockets();
+    EXPECT_NE(err.text().find("dpOpt41Strip Enter..\n"), std::string::npos); // the fix ran
+    const auto got = client.received();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0], held); // and the stored answer left unchanged
+}
+
 } // namespace
