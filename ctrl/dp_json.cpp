@@ -68,16 +68,6 @@ constexpr rjson_key_desc kConfigKeys[] = {
 };
 constexpr rjson_object_desc kConfigs = rjson_object("dnsproxy.configs", kConfigKeys);
 
-int reload_d2a() {
-    return dpcache_load_d2a_cache();
-}
-int reload_d2d() {
-    return dpcache_load_d2d_cache();
-}
-int reload_hosts() {
-    return dpcache_load_hosts_cache();
-}
-
 using reloader = int (*)();
 constexpr reloader kReloaders[] = {
     nullptr,
@@ -89,9 +79,9 @@ constexpr reloader kReloaders[] = {
     dpsvr_load_v4_voip_dns_servers,
     dpsvr_load_v4_filter_dns_servers,
     nullptr, // the WAN interface name: a text, set below
-    reload_d2a,
-    reload_d2d,
-    reload_hosts,
+    dpcache_load_d2a_cache,
+    dpcache_load_d2d_cache,
+    dpcache_load_hosts_cache,
     dpsvr_load_name_filter_db,
     dpsvr_reload_vci_and_leases,
 };

@@ -27,16 +27,6 @@ struct api_operation {
     int (*request)(const uint8_t*, uint32_t);
 };
 
-int load_d2a() {
-    return dpcache_load_d2a_cache();
-}
-int load_d2d() {
-    return dpcache_load_d2d_cache();
-}
-int load_hosts() {
-    return dpcache_load_hosts_cache();
-}
-
 // In dispatch order; the first name that matches wins.
 constexpr ombusMethodDesc kApiMethods[] = {
     {"ToggleForceRegister", "u", "u"},  {"ToggleLockNet", "u", "u"},
@@ -63,9 +53,9 @@ constexpr api_operation kApiOperations[] = {
     {nullptr, dpsvr_load_v4_hsi_dns_servers, nullptr},
     {nullptr, dpsvr_load_v4_voip_dns_servers, nullptr},
     {nullptr, dpsvr_load_v4_iptv_dns_servers, nullptr},
-    {nullptr, load_d2a, nullptr},
-    {nullptr, load_d2d, nullptr},
-    {nullptr, load_hosts, nullptr},
+    {nullptr, dpcache_load_d2a_cache, nullptr},
+    {nullptr, dpcache_load_d2d_cache, nullptr},
+    {nullptr, dpcache_load_hosts_cache, nullptr},
     {nullptr, dpsvr_load_name_filter_db, nullptr},
     {nullptr, dpsvr_reload_vci_and_leases, nullptr},
     {nullptr, nullptr, dpxy_handle_query_request},

@@ -12,11 +12,11 @@
 
 namespace {
 
-constexpr uint16_t kFlagQR = 0x8000;
+constexpr uint16_t kFlagQR = DPENDEC_FLAG_QR;
 constexpr uint16_t kFlagAA = 0x0400;
 constexpr uint16_t kFlagRD = 0x0100;
 constexpr uint16_t kFlagRA = 0x0080;
-constexpr uint16_t kRcodeMask = 0x000F;
+constexpr uint16_t kRcodeMask = DPENDEC_RCODE_MASK;
 constexpr uint16_t kClassIN = 1;
 constexpr uint8_t kPointerToQname[2] = {0xC0, 0x0C};
 constexpr uint16_t kMaxReplacedLen = 1024; // a rewritten query must stay this small

@@ -24,6 +24,10 @@ inline constexpr uint16_t DPENDEC_TYPE_A = 1;
 inline constexpr uint16_t DPENDEC_TYPE_PTR = 12;
 inline constexpr uint16_t DPENDEC_TYPE_AAAA = 28;
 
+// Header flag bits the proxy core looks at.
+inline constexpr uint16_t DPENDEC_FLAG_QR = 0x8000;
+inline constexpr uint16_t DPENDEC_RCODE_MASK = 0x000F;
+
 // The 12-byte DNS header in host byte order.
 struct dns_header {
     uint16_t id;

@@ -20,11 +20,7 @@ inline void classify_fuzz_set_up() {
     static bool done = false;
     if (done) return;
     done = true;
-    static char root[] = "/tmp/dnsproxy-fuzz-classify-XXXXXX";
-    if (mkdtemp(root) == nullptr) std::abort();
-    setenv("DNSPROXY_ROOT", root, 1);
-    mkdir((std::string(root) + "/etc").c_str(), 0700);
-    mkdir((std::string(root) + "/configs").c_str(), 0700);
+    fuzz_private_root({"/etc", "/configs"});
     dpsvr_init_server_sets();
     fuzz_quiet_traces();
     dp_debug_tbl.modules[DP_MOD_SERVER].level_mask = 0xFFFFFFFF;

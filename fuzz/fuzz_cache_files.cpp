@@ -14,6 +14,7 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "fuzz_common.h"
 #include "main/dputl.h"
 
 namespace {
@@ -30,11 +31,7 @@ void set_up() {
     static bool done = false;
     if (done) return;
     done = true;
-    static char root[] = "/tmp/dnsproxy-fuzz-cache-XXXXXX";
-    if (mkdtemp(root) == nullptr) std::abort();
-    setenv("DNSPROXY_ROOT", root, 1);
-    mkdir((std::string(root) + "/etc").c_str(), 0700);
-    mkdir((std::string(root) + "/var").c_str(), 0700);
+    fuzz_private_root({"/etc", "/var"});
     dpcfg_set_d2a(1);
     dpcfg_set_d2d(1);
     dpcfg_set_local_hosts(1);

@@ -1,9 +1,23 @@
 // Shared set-up of the fuzz targets.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+#include <string>
 
 #include "ctrl/dp_trace.h"
+
+// A private DNSPROXY_ROOT for the file readers, made once per process with the given folders.
+inline void fuzz_private_root(std::initializer_list<const char*> folders) {
+    static char root[] = "/tmp/dnsproxy-fuzz-XXXXXX";
+    if (mkdtemp(root) == nullptr) std::abort();
+    setenv("DNSPROXY_ROOT", root, 1);
+    for (const char* folder : folders)
+        mkdir((std::string(root) + folder).c_str(), 0700);
+}
 
 // Every trace level of the codec is on, so that each format is run with fuzzed arguments (a
 // "%s" of a name that lost its NUL would be caught here), while the lines themselves go to

@@ -17,24 +17,22 @@ namespace {
 // what is left makes the next poll return at once.
 constexpr int kMaxDatagramsPerWakeUp = 256;
 
-constexpr uint16_t kFlagQR = 0x8000;
-
 // is_response_valid: a question and the QR bit.
 int is_response_valid(const msginf& info) {
     int ret = 0;
     if (info.qdcount == 0)
         ret = -10;
-    else if ((info.flags & kFlagQR) == 0)
+    else if ((info.flags & DPENDEC_FLAG_QR) == 0)
         ret = -11;
     if (ret != 0) {
         DPMAIN_TRACE(DP_WARN, "qdcount=%u isResponse=%u ret=%d\n", info.qdcount,
-                     (info.flags & kFlagQR) != 0 ? 1u : 0u, ret);
+                     (info.flags & DPENDEC_FLAG_QR) != 0 ? 1u : 0u, ret);
     }
     return ret;
 }
 
 void process_primary_dns_status(const dp_peer_addr& from, const msginf& info) {
-    const int rcode = info.flags & 0x000F;
+    const int rcode = info.flags & DPENDEC_RCODE_MASK;
     DPMAIN_TRACE(DP_DETAIL, "ret_code = 0x%x primary_select=%d\n", static_cast<unsigned>(rcode),
                  rcode == 0 ? 1 : 0);
     dpsvr_set_primary_dns_status(from.addr, rcode == 0 ? 1 : 0);

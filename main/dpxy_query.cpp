@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr uint16_t kFlagQR = 0x8000;
 constexpr int kRcodeFormErr = 1;
 constexpr int kRcodeServFail = 2;
 constexpr int kRcodeRefused = 5;
@@ -123,10 +122,10 @@ int ask_registration_state(registration_state* st) {
     const int ret = dpio_request_registration_state(kRegistrationStateRequest, reply, 15);
     if (ret < 0) return ret;
     // Texts of up to four characters at payload offsets 0, 5 and 10.
-    std::snprintf(st->status, sizeof st->status, "%.4s", reinterpret_cast<const char*>(reply));
-    std::snprintf(st->result, sizeof st->result, "%.4s", reinterpret_cast<const char*>(reply + 5));
-    std::snprintf(st->reg_url_enable, sizeof st->reg_url_enable, "%.4s",
-                  reinterpret_cast<const char*>(reply + 10));
+    dputl_copy_text(st->status, sizeof st->status, reinterpret_cast<const char*>(reply));
+    dputl_copy_text(st->result, sizeof st->result, reinterpret_cast<const char*>(reply + 5));
+    dputl_copy_text(st->reg_url_enable, sizeof st->reg_url_enable,
+                    reinterpret_cast<const char*>(reply + 10));
     return 0;
 }
 
@@ -136,10 +135,10 @@ int is_query_valid(const msginf& inf) {
     int ret = 0;
     if (inf.ancount != 0)
         ret = -1;
-    else if ((inf.flags & kFlagQR) != 0)
+    else if ((inf.flags & DPENDEC_FLAG_QR) != 0)
         ret = -2;
     DPMAIN_TRACE(DP_DETAIL, "ancount=%u isResponse=%u ret=%d\n", inf.ancount,
-                 (inf.flags & kFlagQR) != 0 ? 1u : 0u, ret);
+                 (inf.flags & DPENDEC_FLAG_QR) != 0 ? 1u : 0u, ret);
     return ret;
 }
 
