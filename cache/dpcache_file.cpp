@@ -9,6 +9,7 @@
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 
 namespace {
 
@@ -101,16 +102,16 @@ int load_table(cache_entry** list, const char* path, const char* dump_name, line
 } // namespace
 
 int dpcache_load_d2a_cache() {
-    return load_table(&dpcache_d2a_list, dputl_fixed_path(kD2aFile).s, "D2A", add_address_line);
+    return load_table(&dpcache_d2a_list, kutl_fixed_path(kD2aFile).s, "D2A", add_address_line);
 }
 
 int dpcache_load_hosts_cache() {
-    return load_table(&dpcache_hosts_list, dputl_fixed_path(dpcfg_hosts_file()).s, "LocalHosts",
+    return load_table(&dpcache_hosts_list, kutl_fixed_path(dpcfg_hosts_file()).s, "LocalHosts",
                       add_address_line);
 }
 
 int dpcache_load_d2d_cache() {
-    return load_table(&dpcache_d2d_list, dputl_fixed_path(kD2dFile).s, "D2D", add_rewrite_line);
+    return load_table(&dpcache_d2d_list, kutl_fixed_path(kD2dFile).s, "D2D", add_rewrite_line);
 }
 
 void dpcache_reload_all() {

@@ -9,6 +9,7 @@
 
 #include "ctrl/dp_trace.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 
 namespace {
 
@@ -169,14 +170,14 @@ void dpcfg_init() {
 
 void dpcfg_load_config_param_from_file(const char* path) {
     reset_keyed_fields();
-    dputl_path opened = dputl_fixed_path(path);
+    kutl_path opened = kutl_fixed_path(path);
     FILE* f = std::fopen(opened.s, "r");
     if (f != nullptr) {
         DPCFG_TRACE(DP_DETAIL, "load config file=%s\n", opened.s);
         if (path != config.config_file)
             std::snprintf(config.config_file, sizeof config.config_file, "%s", path);
     } else {
-        opened = dputl_fixed_path(config.config_file);
+        opened = kutl_fixed_path(config.config_file);
         f = std::fopen(opened.s, "r");
         if (f == nullptr) {
             DPCFG_TRACE(DP_DETAIL, "no config file\n");
@@ -260,10 +261,10 @@ void dpcfg_dump_config() {
 
 void dpcfg_load_lock_net_stat() {
     char linebuf[1024];
-    if (!read_first_line(dputl_fixed_path(kLockNetFile).s, linebuf, sizeof linebuf)) return;
+    if (!read_first_line(kutl_fixed_path(kLockNetFile).s, linebuf, sizeof linebuf)) return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     dpcfg_set_lock_net(static_cast<uint32_t>(std::atoi(linebuf)));
-    if (!read_first_line(dputl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf))
+    if (!read_first_line(kutl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf))
         return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     std::snprintf(config.lock_net_whitelist, sizeof config.lock_net_whitelist, "%s", linebuf);

@@ -194,7 +194,7 @@ void dp_debug_init() {
     // 5. defaults
     apply_log_defaults();
     // 6. the persisted configuration; the mode decides the time stamps, whatever the file says
-    const dputl_path path = dputl_fixed_path(kLogConfigFile);
+    const kutl_path path = kutl_fixed_path(kLogConfigFile);
     if (kutl_load_kiv_config_from_file(path.s, kLogKeyTable, kLogKeys) > 0) {
         define_debug_mode(static_cast<uint32_t>(dplog_cfg.debug_mode));
         apply_log_dest(dplog_cfg.log_dest);
@@ -230,13 +230,13 @@ int dplog_dump_logconfig() {
 }
 
 int dplog_save_logconfig() {
-    const dputl_path path = dputl_fixed_path(kLogConfigFile);
+    const kutl_path path = kutl_fixed_path(kLogConfigFile);
     kutl_save_kiv_config_to_file(kLogKeyTable, kLogKeys, path.s);
     return 0;
 }
 
 int dplog_reset_logconfig() {
-    const dputl_path path = dputl_fixed_path(kLogConfigFile);
+    const kutl_path path = kutl_fixed_path(kLogConfigFile);
     std::remove(path.s);
     apply_log_defaults();
     return 0;

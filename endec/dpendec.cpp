@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "ctrl/dp_trace.h"
-#include "main/dputl.h"
 
 namespace {
 
@@ -680,13 +679,13 @@ int dpendec_compose_ptr_response(dns_pkt* pkt, const char* name) {
     return append_local_answer(pkt, DPENDEC_TYPE_PTR, {wire, static_cast<size_t>(n)});
 }
 
-int dpendec_compose_query_a(uint8_t* buf, uint16_t len, const char* name) {
+int dpendec_compose_query_a(uint8_t* buf, uint16_t len, const char* name, uint16_t id) {
     DPEDC_TRACE(DP_FUNC, "name=%s\n", name);
     // A name too long to encode leaves the question without a name: a 16-byte message.
     uint8_t wire[DPENDEC_NAME_SIZE];
     const int n = compose_dname(name, wire);
     if (len < DPENDEC_HEADER_SIZE + n + 4) return -1;
-    const dns_header h = {dputl_get_next_transaction_id(), kFlagRD, 1, 0, 0, 0};
+    const dns_header h = {id, kFlagRD, 1, 0, 0, 0};
     compose_dns_header(&h, buf, len);
     wire_writer w({buf, len}, DPENDEC_HEADER_SIZE);
     w.bytes({wire, static_cast<size_t>(n)});

@@ -161,9 +161,9 @@ int dpendec_compose_a_response(dns_pkt* pkt, const char* hostaddr);
 int dpendec_compose_aaaa_response(dns_pkt* pkt, const char* hostaddr);
 int dpendec_compose_ptr_response(dns_pkt* pkt, const char* name);
 
-// Builds a recursive A query for name with the next transaction id. The message length, or -1
-// when buf cannot hold it (nothing written, no id taken).
-int dpendec_compose_query_a(uint8_t* buf, uint16_t len, const char* name);
+// Builds a recursive A query for name under the transaction id the caller drew. The message
+// length, or -1 when buf cannot hold it (nothing written).
+int dpendec_compose_query_a(uint8_t* buf, uint16_t len, const char* name, uint16_t id);
 
 // Rewrites the question name of a query (the length is the old length adjusted by the names'
 // difference; bytes after the question are cleared). Silently does nothing when the result

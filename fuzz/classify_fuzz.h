@@ -14,6 +14,7 @@
 
 #include "fuzz_common.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 #include "server/dpsvr.h"
 
 inline void classify_fuzz_set_up() {
@@ -27,7 +28,7 @@ inline void classify_fuzz_set_up() {
 }
 
 inline void classify_fuzz_write(const char* fixed, const void* data, size_t size) {
-    FILE* f = std::fopen(dputl_fixed_path(fixed).s, "wb");
+    FILE* f = std::fopen(kutl_fixed_path(fixed).s, "wb");
     if (f == nullptr) std::abort();
     if (size > 0 && std::fwrite(data, 1, size, f) != size) std::abort();
     std::fclose(f);

@@ -16,11 +16,12 @@
 #include "config/dpcfg.h"
 #include "fuzz_common.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 
 namespace {
 
 void write_file(const char* fixed, const uint8_t* data, size_t size) {
-    FILE* f = std::fopen(dputl_fixed_path(fixed).s, "wb");
+    FILE* f = std::fopen(kutl_fixed_path(fixed).s, "wb");
     if (f == nullptr) std::abort();
     if (size > 0 && std::fwrite(data, 1, size, f) != size) std::abort();
     std::fclose(f);

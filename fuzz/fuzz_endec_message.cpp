@@ -97,7 +97,7 @@ void compose_all(const uint8_t* data, uint16_t size, const msginf& inf) {
         dpendec_compose_dns_msg_inf(rs.pkt.buf, rs.pkt.len, &again);
 
         uint8_t query[300];
-        const int nq = dpendec_compose_query_a(query, sizeof query, name);
+        const int nq = dpendec_compose_query_a(query, sizeof query, name, 0x1234);
         FUZZ_CHECK(nq >= 16 && nq <= static_cast<int>(sizeof query));
         dpendec_compose_dns_msg_inf(query, static_cast<uint16_t>(nq), &again);
     }

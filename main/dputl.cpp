@@ -20,10 +20,6 @@ uint16_t transaction_id = 0;
 acb* action_head = nullptr;
 acb* action_tail = nullptr;
 
-bool is_never_prefixed(const char* path) {
-    return std::strncmp(path, "/proc/", 6) == 0 || std::strncmp(path, "/dev/", 5) == 0;
-}
-
 bool action_in_list(const acb* action) {
     for (const acb* a = action_head; a != nullptr; a = a->next) {
         if (a == action) return true;
@@ -57,15 +53,6 @@ int read_if_ipv4(const char* ifname, unsigned long request, uint32_t* out) {
 }
 
 } // namespace
-
-dputl_path dputl_fixed_path(const char* path) {
-    dputl_path p{};
-    const char* root = std::getenv("DNSPROXY_ROOT");
-    if (root == nullptr || is_never_prefixed(path)) root = "";
-    const int n = std::snprintf(p.s, sizeof p.s, "%s%s", root, path);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof p.s) p.s[0] = '\0';
-    return p;
-}
 
 uint32_t dputl_get_current_time() {
     return time_source != nullptr ? time_source() : monotonic_seconds();

@@ -1,21 +1,10 @@
 // Utilities of the proxy core: the action timer list, the process clock, transaction ids,
-// interface address readers, the line splitter and the fixed-path helper.
+// interface address readers and the line splitter.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-
-// ---- fixed paths -------------------------------------------------------------------------
-
-// A fixed path (/etc/..., /configs/..., /var/...) as the daemon opens it: prefixed with the
-// environment variable DNSPROXY_ROOT, which is empty on a gateway and points tests at a private
-// tree. /proc and /dev are never prefixed. A path that would not fit is left empty, so that
-// opening it fails instead of opening a truncated name.
-struct dputl_path {
-    char s[512];
-};
-dputl_path dputl_fixed_path(const char* path);
 
 // ---- clock -------------------------------------------------------------------------------
 

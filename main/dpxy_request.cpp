@@ -8,6 +8,7 @@
 #include "ctrl/dp_trace.h"
 #include "endec/dpendec.h"
 #include "io/dpio.h"
+#include "main/dputl.h"
 #include "main/dpxy.h"
 #include "main/dpxy_pcb.h"
 #include "server/dpsvr.h"
@@ -32,7 +33,8 @@ int dpxy_handle_query_request(const uint8_t* record, uint32_t len) {
     std::memcpy(&self.sa.sin6_addr, self.addr, sizeof self.addr);
 
     uint8_t query[DPXY_MAX_PACKET];
-    const int qlen = dpendec_compose_query_a(query, sizeof query, name);
+    const int qlen =
+        dpendec_compose_query_a(query, sizeof query, name, dputl_get_next_transaction_id());
     if (qlen < 0) return -2;
     return handle_dns_query(DPXY_SRC_LOCAL, "", 0, &self, query, static_cast<uint16_t>(qlen));
 }

@@ -12,6 +12,7 @@
 #include "main/dputl.h"
 #include "main/dpxy.h"
 #include "main/dpxy_pcb.h"
+#include "platform/kutl/kutl.h"
 #include "platform/rcsd/rcsd.h"
 #include "platform/rjson/rjson.h"
 #include "server/dpsvr.h"
@@ -149,7 +150,7 @@ const dpxy_client_itf& dpxy_get_client_itf() {
 }
 
 int save_pid() {
-    const dputl_path path = dputl_fixed_path(kPidFile);
+    const kutl_path path = kutl_fixed_path(kPidFile);
     FILE* f = std::fopen(path.s, "w+");
     if (f == nullptr) {
         DPMAIN_TRACE(DP_ERROR, "failed to save dnsproxy pid to %s\n", path.s);

@@ -9,6 +9,7 @@
 
 #include "ctrl/dp_trace.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 #include "server/dpsvr.h"
 
 namespace {
@@ -85,7 +86,7 @@ using line_parser = int (*)(const char* file, dputl_line& line);
 
 // Reads every line of a fixed file through parse; returns the sum of what parse returns.
 int read_table_file(const char* fixed, size_t line_size, line_parser parse) {
-    const dputl_path path = dputl_fixed_path(fixed);
+    const kutl_path path = kutl_fixed_path(fixed);
     FILE* const f = std::fopen(path.s, "r");
     if (f == nullptr) return 0;
     dputl_line line;
@@ -244,7 +245,7 @@ int dpsvr_load_vci_db() {
 int dpsvr_load_lease_file() {
     // 1. The table is rebuilt from the file alone; no file, no leases.
     dpsvr_purge_src_leases();
-    FILE* const f = std::fopen(dputl_fixed_path(kLeaseFile).s, "rb");
+    FILE* const f = std::fopen(kutl_fixed_path(kLeaseFile).s, "rb");
     if (f == nullptr) return 0;
     // 2. The header must name the format and a record size we can take.
     lease_file_header h;

@@ -9,6 +9,7 @@
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 #include "server/dpsvr.h"
 #include "server/dpsvr_internal.h"
 
@@ -147,7 +148,7 @@ int load_server_set_from_file(const char* dns_file, servset* v4_set, servset* v6
         static_cast<servset*>(std::calloc(1, sizeof(servset))), &std::free);
     if (!v6_work) return -3;
 
-    if (FILE* f = std::fopen(dputl_fixed_path(dns_file).s, "r"); f != nullptr) {
+    if (FILE* f = std::fopen(kutl_fixed_path(dns_file).s, "r"); f != nullptr) {
         char line[256];
         while (std::fgets(line, sizeof line, f) != nullptr)
             parse_resolver_line(line, dns_file, v4_work.get(), v6_work.get());

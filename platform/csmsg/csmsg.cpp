@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 
 struct csMsgChannel {
     int fd;
@@ -49,7 +49,7 @@ bool fill_addr(sockaddr_un* addr, const char* path) {
 void csMsg_module_path(uint32_t module_id, char* out, uint32_t size) {
     char rel[64];
     std::snprintf(rel, sizeof rel, "/var/run/csmsg/%u", module_id);
-    const dputl_path path = dputl_fixed_path(rel);
+    const kutl_path path = kutl_fixed_path(rel);
     const size_t len = std::strlen(path.s);
     // A path too long for a socket address is left empty so that binding or sending fails.
     if (size == 0) return;

@@ -9,6 +9,17 @@
 #include <cstring>
 #include <strings.h>
 
+kutl_path kutl_fixed_path(const char* path) {
+    kutl_path p{};
+    const bool never_prefixed =
+        std::strncmp(path, "/proc/", 6) == 0 || std::strncmp(path, "/dev/", 5) == 0;
+    const char* root = std::getenv("DNSPROXY_ROOT");
+    if (root == nullptr || never_prefixed) root = "";
+    const int n = std::snprintf(p.s, sizeof p.s, "%s%s", root, path);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof p.s) p.s[0] = '\0';
+    return p;
+}
+
 namespace {
 
 constexpr const char* kLevelWords[] = {"emerg", "alert",  "crit", "error",

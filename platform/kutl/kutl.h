@@ -1,8 +1,17 @@
-// The gateway's in-house utility library: key-table files, word-to-number look-ups, output
-// redirection and the CLI command table matcher.
+// The gateway's in-house utility library: the fixed-path root, key-table files, word-to-number
+// look-ups, output redirection and the CLI command table matcher.
 #pragma once
 
 #include <cstdint>
+
+// A fixed path (/etc/..., /configs/..., /var/...) as the daemon opens it: prefixed with the
+// environment variable DNSPROXY_ROOT, which is empty on a gateway and points tests at a private
+// tree. /proc and /dev are never prefixed. A path that would not fit is left empty, so that
+// opening it fails instead of opening a truncated name.
+struct kutl_path {
+    char s[512];
+};
+kutl_path kutl_fixed_path(const char* path);
 
 // One row of a key table: a key and the 32-bit value it is loaded into and saved from.
 struct kutl_kiv_config_entry {

@@ -6,6 +6,7 @@
 
 #include "ctrl/dp_trace.h"
 #include "main/dputl.h"
+#include "platform/kutl/kutl.h"
 #include "test_support.h"
 
 namespace {
@@ -168,13 +169,13 @@ TEST(SplitLine, FieldsAndFailures) {
 TEST(FixedPath, RootPrefixAndExceptions) {
     {
         TempRoot root;
-        EXPECT_EQ(std::string(dputl_fixed_path("/etc/x").s), root.dir() + "/etc/x");
-        EXPECT_STREQ(dputl_fixed_path("/proc/net/if_inet6").s, "/proc/net/if_inet6");
-        EXPECT_STREQ(dputl_fixed_path("/dev/null").s, "/dev/null");
+        EXPECT_EQ(std::string(kutl_fixed_path("/etc/x").s), root.dir() + "/etc/x");
+        EXPECT_STREQ(kutl_fixed_path("/proc/net/if_inet6").s, "/proc/net/if_inet6");
+        EXPECT_STREQ(kutl_fixed_path("/dev/null").s, "/dev/null");
         const std::string long_path = "/" + std::string(600, 'a');
-        EXPECT_STREQ(dputl_fixed_path(long_path.c_str()).s, ""); // never a truncated name
+        EXPECT_STREQ(kutl_fixed_path(long_path.c_str()).s, ""); // never a truncated name
     }
-    EXPECT_STREQ(dputl_fixed_path("/etc/x").s, "/etc/x");
+    EXPECT_STREQ(kutl_fixed_path("/etc/x").s, "/etc/x");
 }
 
 TEST(InterfaceReaders, LoopbackAndMissingInterface) {

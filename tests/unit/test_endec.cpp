@@ -379,15 +379,13 @@ TEST_F(Endec, LocalAnswerRoomInTheBuffer) {
 }
 
 TEST_F(Endec, ComposeQueryA) {
-    dputl_set_transaction_id(0xFFFF);
     uint8_t buf[64];
-    EXPECT_EQ(21, dpendec_compose_query_a(buf, sizeof buf, "a.b"));
+    EXPECT_EQ(21, dpendec_compose_query_a(buf, sizeof buf, "a.b", 0xBEEF));
     const Bytes want = Msg(0x0100, 1, 0, 0, 0).q("a.b", 1).b;
     EXPECT_EQ(Bytes(want.begin() + 2, want.end()), Bytes(buf + 2, buf + 21));
-    EXPECT_EQ(0x0001, buf[0] << 8 | buf[1]); // the id after 0xFFFF skips 0
-    EXPECT_EQ(-1, dpendec_compose_query_a(buf, 20, "a.b"));
-    EXPECT_EQ(22, dpendec_compose_query_a(buf, 22, "ab.c"));
-    EXPECT_EQ(2, buf[1]); // no id is spent on a failure
+    EXPECT_EQ(0xBEEF, buf[0] << 8 | buf[1]);
+    EXPECT_EQ(-1, dpendec_compose_query_a(buf, 20, "a.b", 1));
+    EXPECT_EQ(22, dpendec_compose_query_a(buf, 22, "ab.c", 2));
 }
 
 TEST_F(Endec, ReplaceAndRestoreQuestionName) {
