@@ -127,8 +127,9 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
         if (dpsvr_handle_dns_server_probe_response(pkt.inf.id) >= 0) return -40;
         return handle_auto_query_probe_response(pkt.inf.id, &pkt.inf);
     }
-    // 9. 10. undo the proxy's EDNS changes
-    if (dpcfg_is_edns_enabled() != 0) undo_edns(pcb, pkt);
+    // 9. 10. undo the proxy's EDNS changes: what the query carried decides, not the switch as it
+    // stands now, so answers to queries sent before EDNS was switched off are cleaned up too
+    undo_edns(pcb, pkt);
     DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", pkt.inf.id,
                  static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count,
                  pcb->response_count);

@@ -210,6 +210,30 @@ void answer_by_source(query_ctx& q, const char* value) {
     }
 }
 
+// Forwards the query under a D2D name. The codec's rewrite keeps only header and question (with
+// room for the rest): what followed the question, the OPT record with the client's MAC option
+// above all, goes back behind the new name. The index then follows the new message, while the
+// names stay those the client asked: classification and traces speak of them.
+void rewrite_question(dns_pkt& pkt, const char* new_name) {
+    static uint8_t rest[DPENDEC_MSG_SIZE];
+    static msginf fresh;
+    msginf& inf = pkt.inf;
+    const size_t rest_at = static_cast<size_t>(inf.qd.offset) + inf.qd.rr_len;
+    const size_t rest_len = pkt.len > rest_at ? pkt.len - rest_at : 0;
+    std::memcpy(rest, pkt.buf + rest_at, rest_len);
+    dputl_copy_text(inf.d2d, sizeof inf.d2d, inf.name);
+    dpendec_replace_qname(&pkt, new_name);
+    // Unchanged (a name too long for the rewrite) it lands where it was.
+    if (rest_len == 0 || pkt.len < rest_len) return;
+    std::memcpy(pkt.buf + pkt.len - rest_len, rest, rest_len);
+    if (dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &fresh) < 0) return;
+    std::memcpy(fresh.name, inf.name, sizeof fresh.name);
+    std::memcpy(fresh.hostaddr, inf.hostaddr, sizeof fresh.hostaddr);
+    std::memcpy(fresh.d2d, inf.d2d, sizeof fresh.d2d);
+    fresh.ttl = inf.ttl;
+    inf = fresh;
+}
+
 // 1 answered (or refused), -1 not answered: go on.
 int resolve_query_from_local_cache(query_ctx& q) {
     msginf& inf = q.pkt.inf;
@@ -226,8 +250,7 @@ int resolve_query_from_local_cache(query_ctx& q) {
                 return 1;
             }
             // Ask upstream for the new name; the answer gets the client's name back.
-            dputl_copy_text(inf.d2d, sizeof inf.d2d, inf.name);
-            dpendec_replace_qname(&q.pkt, new_name);
+            rewrite_question(q.pkt, new_name);
             return -1;
         }
     }

@@ -1,8 +1,10 @@
 """The proxy end to end, as a LAN client and the upstream servers see it."""
 
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import dns.message
+import pytest
 
 from lab import GW_LAN_V4, GW_LAN_V6, LAN_MAC, WAN_V4
 
@@ -92,14 +94,19 @@ def test_dynamic_cache_answers_until_the_ttl_runs_out(lab):
     assert len(up.queries()) == 2
 
 
-def test_d2d_rewrite_is_seen_upstream_and_undone_for_the_client(lab):
-    lab.start_knot()
-    start(lab, "EnableD2DFeature=on\n", {"/etc/resolv.conf": resolv(KNOT),
-                                         "/etc/dns_d2d.conf": "www.lab.example portal.home\n"})
-    r = lab.query("portal.home", id=99)
+@pytest.mark.parametrize("mask,edns", [("0", None), ("80", None), ("80", 4096)])
+def test_d2d_rewrite_is_seen_upstream_with_the_client_mac_and_undone_for_the_client(lab, mask, edns):
+    up = lab.start_responder(UP1, "answer", "--a", "203.0.113.10")
+    start(lab, "EnableD2DFeature=on\n", {"/etc/resolv.conf": resolv(UP1),
+                                         "/etc/dns_d2d.conf": "www.lab.example portal.home\n"},
+          args=("-f", mask))
+    r = lab.query("portal.home", id=99, **({"edns": edns} if edns else {}))
     assert r["id"] == 99
     assert r["question"] == [["portal.home.", "A"]]
     assert [(a[0], a[2], a[3]) for a in r["answer"]] == [("portal.home.", "A", "203.0.113.10")]
+    assert up.queries()[-1]["qname"] == "www.lab.example."
+    mac = [(0xFE31, LAN_MAC.upper().encode())]
+    assert sent_opt(up) == {"0": (None, []), "80": (523 if edns is None else 1024, mac)}[mask]
 
 
 # ---- policies -----------------------------------------------------------------------------------
@@ -190,6 +197,17 @@ def test_client_mac_option_is_seen_upstream_and_stripped_for_the_client(lab):
     r = lab.query("mac2.example.test", edns=4096)
     assert r["opt"] is not None  # the client's own OPT record stays
     assert sent_opt(up) == (1024, [(0xFE31, LAN_MAC.upper().encode())])
+
+
+def test_edns_switched_off_while_a_query_waits_still_cleans_its_answer(lab):
+    up = lab.start_responder(UP1, "delay", "--delay", "1.5")
+    start(lab, files={"/etc/resolv.conf": resolv(UP1)}, args=("-f", "80"))
+    with ThreadPoolExecutor(1) as pool:
+        pending = pool.submit(lab.query, "late.example.test", timeout=5)
+        assert up.wait_queries(1)
+        assert lab.bus_call("ToggleEDNS", "u", "0") == (0, "u 0")
+        r = pending.result()
+    assert answers(r) == [("A", "203.0.113.7")] and r["opt"] is None
 
 
 def test_client_mac_option_over_ipv6_uses_the_neighbour_table(lab):
