@@ -77,20 +77,11 @@ void fix_edns_of_copy(const dpxy_pcb* pcb) {
 }
 
 void send_held_answer(const dpxy_pcb* pcb) {
-    DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n", pcb->client_id,
-                 pcb->server_id);
     if (dpcfg_is_edns_enabled() != 0 && pcb->edns_mode != DPXY_EDNS_NONE) fix_edns_of_copy(pcb);
     send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
 }
 
 } // namespace
-
-int dpxy_check_pcb_bound(uint16_t client_id) {
-    if (pcbs.count <= DPXY_PCB_BOUND - 1) return 0;
-    dp_stats.max_pcb_list_reach++;
-    DPMAIN_TRACE(DP_PKT, "client_id=0x%x dropped for reach max pcbs\n", client_id);
-    return -2;
-}
 
 int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
     if (forward_result != 0) return -1;
@@ -140,7 +131,11 @@ void handle_expired_query() {
     // All pcbs live equally long and are linked in creation order: stop at the first one alive.
     while (pcbs.oldest != nullptr && dputl_time_due(pcbs.oldest->expiry, now)) {
         dpxy_pcb* pcb = pcbs.oldest;
-        if (pcb->response_count != 0 && pcb->source == DPXY_SRC_CLIENT) send_held_answer(pcb);
+        if (pcb->response_count != 0 && pcb->source == DPXY_SRC_CLIENT) {
+            DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n",
+                         pcb->client_id, pcb->server_id);
+            send_held_answer(pcb);
+        }
         DPMAIN_TRACE(DP_PKT, "timeout(%lu) to remove pcb client_id=0x%x server_id=0x%x\n",
                      static_cast<unsigned long>(now), pcb->client_id, pcb->server_id);
         dpsvr_set_primary_dns_status(nullptr, 0);

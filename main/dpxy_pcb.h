@@ -46,9 +46,6 @@ struct dpxy_pcb {
     dpxy_pcb* hash_next; // chain of the server_id index
 };
 
-// Table bound, checked first for every query: 0, or -2 (counted and traced) when full.
-int dpxy_check_pcb_bound(uint16_t client_id);
-
 // Records a forwarded query from its image (only when forward_result is 0). A pcb with the same
 // server_id takes the new counts instead. 0, or -1 when nothing was recorded.
 int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result);

@@ -81,33 +81,6 @@ int address_answer(query_ctx& q, const char* addr) {
     return 0;
 }
 
-// The trace lines of a policy's gateway answer, for A and for AAAA.
-struct answer_traces {
-    const char* a;
-    const char* aaaa;
-};
-constexpr answer_traces kForceUrlTraces{"client_id=0x%x rsp A %s for force url\n",
-                                        "client_id=0x%x rsp AAAA %s for force url\n"};
-constexpr answer_traces kInterceptTraces{"client_id=0x%x rsp A %s for intercept\n",
-                                         "client_id=0x%x rsp AAAA %s for intercept\n"};
-
-// The gateway's own address answered for A and AAAA; other qtypes get nothing.
-void gateway_answer(query_ctx& q, const answer_traces& traces) {
-    const dpxy_client_itf& itf = dpxy_get_client_itf();
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    if (qtype_of(q) == DPENDEC_TYPE_A) {
-        DPMAIN_TRACE(DP_DETAIL, traces.a, q.pcb.client_id, itf.v4ipstr);
-        address_answer(q, itf.v4ipstr);
-    } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
-        DPMAIN_TRACE(DP_DETAIL, traces.aaaa, q.pcb.client_id, itf.v6ipstr);
-        address_answer(q, itf.v6ipstr);
-    } else {
-        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
-    }
-#pragma GCC diagnostic pop
-}
-
 // ---- the management module's registration state ----------------------------------------------
 
 struct registration_state {
@@ -159,20 +132,50 @@ int execute_force_register(query_ctx& q) {
         error_answer(q, kRcodeRefused);
         return kDropped;
     }
-    gateway_answer(q, kForceUrlTraces);
+    const dpxy_client_itf& itf = dpxy_get_client_itf();
+    if (qtype_of(q) == DPENDEC_TYPE_A) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for force url\n", q.pcb.client_id,
+                     itf.v4ipstr);
+        address_answer(q, itf.v4ipstr);
+    } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for force url\n", q.pcb.client_id,
+                     itf.v6ipstr);
+        address_answer(q, itf.v6ipstr);
+    } else {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
+    }
     return kDropped;
 }
 
+// Lock-net answers with the gateway's addresses and traces them as force URL does.
 int execute_lock_net(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableLockNet=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_lock_net_enabled()));
     DPMAIN_TRACE(DP_DETAIL, "%s,%d,,domain name:%s\n", __func__, __LINE__, q.pkt.inf.name);
-    gateway_answer(q, kForceUrlTraces);
+    const dpxy_client_itf& itf = dpxy_get_client_itf();
+    if (qtype_of(q) == DPENDEC_TYPE_A) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for force url\n", q.pcb.client_id,
+                     itf.v4ipstr);
+        address_answer(q, itf.v4ipstr);
+    } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for force url\n", q.pcb.client_id,
+                     itf.v6ipstr);
+        address_answer(q, itf.v6ipstr);
+    }
     return kDropped;
 }
 
 int execute_intercept(query_ctx& q) {
-    gateway_answer(q, kInterceptTraces);
+    const dpxy_client_itf& itf = dpxy_get_client_itf();
+    if (qtype_of(q) == DPENDEC_TYPE_A) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for intercept\n", q.pcb.client_id,
+                     itf.v4ipstr);
+        address_answer(q, itf.v4ipstr);
+    } else if (qtype_of(q) == DPENDEC_TYPE_AAAA) {
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp AAAA %s for intercept\n", q.pcb.client_id,
+                     itf.v6ipstr);
+        address_answer(q, itf.v6ipstr);
+    }
     return kDropped;
 }
 
@@ -235,7 +238,7 @@ void rewrite_question(dns_pkt& pkt, const char* new_name) {
 }
 
 // 1 answered (or refused), -1 not answered: go on.
-int resolve_query_from_local_cache(query_ctx& q) {
+int answer_from_local_tables(query_ctx& q) {
     msginf& inf = q.pkt.inf;
     char value[256] = "";
     if (dpcfg_is_d2d_feat_enabled() != 0) {
@@ -280,6 +283,12 @@ int resolve_query_from_local_cache(query_ctx& q) {
     default:
         return -1;
     }
+}
+
+int resolve_query_from_local_cache(query_ctx& q) {
+    const int ret = answer_from_local_tables(q);
+    DPMAIN_TRACE(DP_DETAIL, "local resolve ret=%d\n", ret);
+    return ret;
 }
 
 // The reverse name's address is a LAN address other than the gateway's own.
@@ -368,7 +377,6 @@ int execute_force_url(query_ctx& q) {
 }
 
 void server_failure(query_ctx& q) {
-    DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp server failure to query\n", q.pcb.client_id);
     put_client_id(q);
     if (dpcfg_is_edns_enabled() != 0) {
         static dns_pkt backup;
@@ -405,14 +413,18 @@ int forward_query_to_servers(query_ctx& q) {
                  static_cast<unsigned long>(dputl_get_current_time()));
     // 5. 6. nobody reached
     if (result != 0) {
-        if (execute_force_url(q) < 0) server_failure(q);
+        if (execute_force_url(q) == 0) return result;
+        DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp server failure to query\n", q.pcb.client_id);
+        server_failure(q);
         return result;
     }
-    // 7. remember it
+    // 7. 8. remember it
     q.pcb.pkt_len = q.pkt.len;
     std::memcpy(q.pcb.pkt, q.pkt.buf, q.pkt.len);
     dputl_copy_text(q.pcb.d2d_name, sizeof q.pcb.d2d_name, q.pkt.inf.d2d);
     add_proxy_ctrlblk(&q.pcb, result);
+    DPMAIN_TRACE(DP_DETAIL, "transid=0x%x ret=0x%x\n", q.pcb.server_id,
+                 static_cast<unsigned>(result));
     return 0;
 }
 
@@ -440,7 +452,11 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     query_ctx q{pkt, image};
 
     // 2. table bound, before anything else
-    if (dpxy_check_pcb_bound(image.client_id) < 0) return -2;
+    if (dpxy_pcb_count() > DPXY_PCB_BOUND - 1) {
+        dp_stats.max_pcb_list_reach++;
+        DPMAIN_TRACE(DP_PKT, "client_id=0x%x dropped for reach max pcbs\n", image.client_id);
+        return -2;
+    }
     // 3. parse
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
@@ -488,16 +504,12 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     // 12. local tables
     if (pkt.inf.qdcount == 1 || pkt.inf.qtype == DPENDEC_TYPE_A ||
         pkt.inf.qtype == DPENDEC_TYPE_PTR || pkt.inf.qtype == DPENDEC_TYPE_AAAA) {
-        const int local = resolve_query_from_local_cache(q);
-        DPMAIN_TRACE(DP_DETAIL, "local resolve ret=%d\n", local);
-        if (local == 1) return 0;
+        if (resolve_query_from_local_cache(q) == 1) return 0;
     }
     // 13. redirect
     if (dpcfg_is_redirect_enabled() != 0) return execute_redirect(q);
     // 14. upstream
-    ret = forward_query_to_servers(q);
-    DPMAIN_TRACE(DP_DETAIL, "transid=0x%x ret=0x%x\n", image.server_id, static_cast<unsigned>(ret));
-    return ret == kDropped ? kDropped : 0;
+    return forward_query_to_servers(q) == kDropped ? kDropped : 0;
 }
 
 uint32_t dpxy_force_url_count() {

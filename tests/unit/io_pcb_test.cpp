@@ -10,6 +10,7 @@
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
 #include "main/dputl.h"
+#include "main/dpxy.h"
 #include "main/dpxy_pcb.h"
 #include "server/dpsvr.h"
 #include "test_support.h"
@@ -190,14 +191,17 @@ TEST_F(Pcbs, BoundAndIndexOverAFullTable) {
         const dpxy_pcb p = image(static_cast<uint16_t>(i));
         ASSERT_EQ(add_proxy_ctrlblk(&p, 0), 0);
     }
-    EXPECT_EQ(dpxy_check_pcb_bound(7), 0);
     const dpxy_pcb last = image(1036);
     add_proxy_ctrlblk(&last, 0);
     EXPECT_EQ(dpxy_pcb_count(), 1036u);
+    // A full table drops the query before it is even parsed.
     define_debug_level("proxy", "pkt");
     StderrCapture err;
-    EXPECT_EQ(dpxy_check_pcb_bound(0x77), -2);
+    const uint8_t garbage[12] = {0x00, 0x77};
+    const dp_peer_addr client{};
+    EXPECT_EQ(handle_dns_query(DPXY_SRC_CLIENT, "", 0, &client, garbage, sizeof garbage), -2);
     define_debug_mode(0);
+    EXPECT_NE(err.text().find("DPMAIN handle_dns_query:"), std::string::npos);
     EXPECT_NE(err.text().find("client_id=0x77 dropped for reach max pcbs\n"), std::string::npos);
     EXPECT_EQ(dp_stats.max_pcb_list_reach, 1u);
     for (uint32_t i = 1; i <= 1036; ++i)
@@ -249,7 +253,7 @@ TEST_F(Pcbs, ExpiryInCreationOrderSendsOnlyHeldClientAnswers) {
     // Source lines aside, exactly these lines in this order.
     EXPECT_EQ(
         std::regex_replace(err.text(), std::regex(":[0-9]+ "), ": "),
-        "DPMAIN send_held_answer: timeout to send rsp client_id=0xfffe server_id=0x1\n"
+        "DPMAIN handle_expired_query: timeout to send rsp client_id=0xfffe server_id=0x1\n"
         "DPMAIN handle_expired_query: timeout(5005) to remove pcb client_id=0xfffe server_id=0x1\n"
         "DPMAIN handle_expired_query: timeout(5005) to remove pcb client_id=0xfffd server_id=0x2\n"
         "DPMAIN handle_expired_query: timeout(5006) to remove pcb client_id=0xfffc server_id=0x3\n");
