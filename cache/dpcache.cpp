@@ -107,11 +107,8 @@ void copy_answer(char* dst, size_t dstlen, const char* text) {
     dputl_copy_text(dst, dstlen, text);
 }
 
-// Evicts from a full dynamic cache: every stale entry, or when none is stale the head, which is
-// the entry added last. Evicting the newest rather than the oldest is deliberate: it keeps the
-// long-standing entries that the LAN has been using and lets a burst of new names churn one
-// slot. Returns the number removed.
-uint32_t evict_dyn_entries(uint32_t now) {
+// Removes every stale dynamic entry; returns how many.
+uint32_t remove_stale_dyn_entries(uint32_t now) {
     uint32_t removed = 0;
     for (cache_entry* e = dpcache_dyn_list; e != nullptr;) {
         cache_entry* const next = e->next;
@@ -119,8 +116,6 @@ uint32_t evict_dyn_entries(uint32_t now) {
         if (dputl_time_due(e->expiry, now) && remove_cache(&dpcache_dyn_list, e) == 1) ++removed;
         e = next;
     }
-    DPCACH_TRACE(DP_DETAIL, "delete %u expired dyn cache record\n", removed);
-    if (removed == 0 && remove_cache(&dpcache_dyn_list, dpcache_dyn_list) == 1) removed = 1;
     return removed;
 }
 
@@ -259,7 +254,12 @@ void dpcache_add_dync_cache(uint32_t qtype, const char* name, const char* value,
     // 1. A full cache makes room first.
     const bool was_below = dpcache_dyn_count < DPCACHE_DYN_MAX;
     if (!was_below) {
-        const uint32_t removed = evict_dyn_entries(now);
+        uint32_t removed = remove_stale_dyn_entries(now);
+        DPCACH_TRACE(DP_DETAIL, "delete %u expired dyn cache record\n", removed);
+        // Nothing stale: the head goes, the entry added last. Evicting the newest rather than the
+        // oldest is deliberate: it keeps the long-standing entries that the LAN has been using
+        // and lets a burst of new names churn one slot.
+        if (removed == 0 && remove_cache(&dpcache_dyn_list, dpcache_dyn_list) == 1) removed = 1;
         if (removed <= dpcache_dyn_count) dpcache_dyn_count -= removed;
     }
     // 2. Only A and AAAA answers with a name, a value and a lifetime are kept. A replaced entry

@@ -22,14 +22,14 @@ constexpr const char* kD2dFile = "/etc/dns_d2d.conf";
 // cut may be a truncated name, and storing a wrong name is worse than storing none.
 bool split_entry_line(dputl_line& line, char** value, char** name) {
     if (line.has_nul) {
-        DPCACH_TRACE(DP_WARN, "line %u skipped: binary data\n", line.no);
+        DPCACH_TRACE(DP_DETAIL, "line %u skipped: binary data\n", line.no);
         return false;
     }
     char* fields[2];
     if (dputl_split_line(line.text, " \t", 2, fields) != 1) return false;
     if (fields[0][0] == '#' || fields[1][0] == '#') return false;
     if (dputl_token_cut(&line, fields[1])) {
-        DPCACH_TRACE(DP_WARN, "line %u skipped: longer than %zu characters\n", line.no,
+        DPCACH_TRACE(DP_DETAIL, "line %u skipped: longer than %zu characters\n", line.no,
                      line.cap - 1);
         return false;
     }
@@ -61,7 +61,7 @@ int add_address_line(cache_entry** list, dputl_line& line) {
     char canonical[INET6_ADDRSTRLEN];
     const uint32_t type = canonical_address(value, canonical, sizeof canonical);
     if (type == 0) {
-        DPCACH_TRACE(DP_WARN, "line %u skipped: bad address %s\n", line.no, value);
+        DPCACH_TRACE(DP_DETAIL, "line %u skipped: bad address %s\n", line.no, value);
         return 0;
     }
     return add_cache(list, name, type, canonical, DPCACHE_NEVER_EXPIRES) >= 0 ? 1 : 0;
@@ -76,9 +76,11 @@ int add_rewrite_line(cache_entry** list, dputl_line& line) {
 
 using line_adder = int (*)(cache_entry** list, dputl_line& line);
 
-// The common loader: purge, read every line, trace, and at the detail level (the level of the
-// loader's own trace, so whoever follows a reload sees what it produced) dump the list.
-int load_table(cache_entry** list, const char* path, const char* dump_name, line_adder add) {
+// The common loader: purge, read every line, trace (under the name of the loader that called),
+// and at the detail level (the level of the loader's own trace, so whoever follows a reload sees
+// what it produced) dump the list.
+int load_table(const char* loader, cache_entry** list, const char* path, const char* dump_name,
+               line_adder add) {
     // 1. The list is rebuilt from scratch; a missing file leaves it empty.
     purge_cache_list(list);
     // 2.
@@ -94,7 +96,7 @@ int load_table(cache_entry** list, const char* path, const char* dump_name, line
         count += static_cast<uint32_t>(add(list, line));
     std::fclose(f);
     // 6.
-    DPCACH_TRACE(DP_DETAIL, "listhead=%p count=%u\n", static_cast<void*>(*list), count);
+    DPCACH_TRACE_AS(loader, DP_DETAIL, "listhead=%p count=%u\n", static_cast<void*>(*list), count);
     if (DP_TRACE_ON(DP_MOD_CACHE, DP_DETAIL)) dpcache_dump_list(dump_name, *list);
     return static_cast<int>(count);
 }
@@ -102,16 +104,18 @@ int load_table(cache_entry** list, const char* path, const char* dump_name, line
 } // namespace
 
 int dpcache_load_d2a_cache() {
-    return load_table(&dpcache_d2a_list, kutl_fixed_path(kD2aFile).s, "D2A", add_address_line);
-}
-
-int dpcache_load_hosts_cache() {
-    return load_table(&dpcache_hosts_list, kutl_fixed_path(dpcfg_hosts_file()).s, "LocalHosts",
+    return load_table(__func__, &dpcache_d2a_list, kutl_fixed_path(kD2aFile).s, "D2A",
                       add_address_line);
 }
 
+int dpcache_load_hosts_cache() {
+    return load_table(__func__, &dpcache_hosts_list, kutl_fixed_path(dpcfg_hosts_file()).s,
+                      "LocalHosts", add_address_line);
+}
+
 int dpcache_load_d2d_cache() {
-    return load_table(&dpcache_d2d_list, kutl_fixed_path(kD2dFile).s, "D2D", add_rewrite_line);
+    return load_table(__func__, &dpcache_d2d_list, kutl_fixed_path(kD2dFile).s, "D2D",
+                      add_rewrite_line);
 }
 
 void dpcache_reload_all() {

@@ -125,13 +125,17 @@ const key_row* find_key(const char* key) {
     return nullptr;
 }
 
-void apply_line(char* line) {
+// The key and value of a line, or false for a line to skip: fewer than two tokens, an empty one,
+// or a comment in either place.
+bool split_key_value(char* line, const char** key, const char** value) {
     char* fields[2];
-    if (dputl_split_line(line, " =", 2, fields) != 1) return;
-    const char* key = fields[0];
-    const char* value = fields[1];
-    if (key[0] == '#' || value[0] == '#') return;
-    DPCFG_TRACE(DP_DETAIL, "parm=%s val=%s\n", key, value);
+    if (dputl_split_line(line, " =", 2, fields) != 1) return false;
+    *key = fields[0];
+    *value = fields[1];
+    return (*key)[0] != '#' && (*value)[0] != '#';
+}
+
+void apply_value(const char* key, const char* value) {
     const key_row* row = find_key(key);
     if (row == nullptr) {
         std::fprintf(stderr, "Unkown config option: \"%s\"\n", key);
@@ -188,7 +192,11 @@ void dpcfg_load_config_param_from_file(const char* path) {
     char linebuf[256];
     while (std::fgets(linebuf, sizeof linebuf, f) != nullptr) {
         DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
-        apply_line(linebuf);
+        const char* key = nullptr;
+        const char* value = nullptr;
+        if (!split_key_value(linebuf, &key, &value)) continue;
+        DPCFG_TRACE(DP_DETAIL, "parm=%s val=%s\n", key, value);
+        apply_value(key, value);
     }
     std::fclose(f);
 }
@@ -264,8 +272,7 @@ void dpcfg_load_lock_net_stat() {
     if (!read_first_line(kutl_fixed_path(kLockNetFile).s, linebuf, sizeof linebuf)) return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     dpcfg_set_lock_net(static_cast<uint32_t>(std::atoi(linebuf)));
-    if (!read_first_line(kutl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf))
-        return;
+    if (!read_first_line(kutl_fixed_path(kLockNetWhitelistFile).s, linebuf, sizeof linebuf)) return;
     DPCFG_TRACE(DP_DETAIL, "linebuf=%s\n", linebuf);
     std::snprintf(config.lock_net_whitelist, sizeof config.lock_net_whitelist, "%s", linebuf);
 }

@@ -65,13 +65,24 @@ extern dplog_config dplog_cfg;
         if (DP_TRACE_ON(mod, lvl)) dp_trace(tag, __func__, __LINE__, __VA_ARGS__);                 \
     } while (0)
 
-#define DPMAIN_TRACE(lvl, ...) DP_TRACE_AT(DP_MOD_PROXY, "DPMAIN", lvl, __VA_ARGS__)
-#define DPIO_TRACE(lvl, ...)   DP_TRACE_AT(DP_MOD_IO, "DPIO  ", lvl, __VA_ARGS__)
-#define DPEDC_TRACE(lvl, ...)  DP_TRACE_AT(DP_MOD_ENDEC, "DPEDC ", lvl, __VA_ARGS__)
-#define DPSERV_TRACE(lvl, ...) DP_TRACE_AT(DP_MOD_SERVER, "DPSERV", lvl, __VA_ARGS__)
-#define DPCACH_TRACE(lvl, ...) DP_TRACE_AT(DP_MOD_CACHE, "DPCACH", lvl, __VA_ARGS__)
-#define DPCFG_TRACE(lvl, ...)  DP_TRACE_AT(DP_MOD_CONFIG, "DPCFG ", lvl, __VA_ARGS__)
-#define DPUTIL_TRACE(lvl, ...) DP_TRACE_AT(DP_MOD_UTIL, "DPUTIL", lvl, __VA_ARGS__)
+// A helper that writes a line on behalf of the operation that called it passes that
+// operation's name: every line names the operation it belongs to, not how the code is cut up.
+#define DP_TRACE_AS(func, mod, tag, lvl, ...)                                                      \
+    do {                                                                                           \
+        if (DP_TRACE_ON(mod, lvl)) dp_trace(tag, func, __LINE__, __VA_ARGS__);                     \
+    } while (0)
+
+#define DPMAIN_TRACE(lvl, ...)          DP_TRACE_AT(DP_MOD_PROXY, "DPMAIN", lvl, __VA_ARGS__)
+#define DPIO_TRACE(lvl, ...)            DP_TRACE_AT(DP_MOD_IO, "DPIO  ", lvl, __VA_ARGS__)
+#define DPEDC_TRACE(lvl, ...)           DP_TRACE_AT(DP_MOD_ENDEC, "DPEDC ", lvl, __VA_ARGS__)
+#define DPSERV_TRACE(lvl, ...)          DP_TRACE_AT(DP_MOD_SERVER, "DPSERV", lvl, __VA_ARGS__)
+#define DPCACH_TRACE(lvl, ...)          DP_TRACE_AT(DP_MOD_CACHE, "DPCACH", lvl, __VA_ARGS__)
+#define DPCFG_TRACE(lvl, ...)           DP_TRACE_AT(DP_MOD_CONFIG, "DPCFG ", lvl, __VA_ARGS__)
+#define DPUTIL_TRACE(lvl, ...)          DP_TRACE_AT(DP_MOD_UTIL, "DPUTIL", lvl, __VA_ARGS__)
+#define DPMAIN_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_PROXY, "DPMAIN", lvl, __VA_ARGS__)
+#define DPEDC_TRACE_AS(func, lvl, ...)  DP_TRACE_AS(func, DP_MOD_ENDEC, "DPEDC ", lvl, __VA_ARGS__)
+#define DPSERV_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_SERVER, "DPSERV", lvl, __VA_ARGS__)
+#define DPCACH_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_CACHE, "DPCACH", lvl, __VA_ARGS__)
 
 // Writes one trace line to standard error: "<tag> <func>:<line> [t=<s>:<ms> ]<text>".
 // Returns what the final formatted write returns. Call sites test the mask, not this function.

@@ -91,7 +91,9 @@ int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
                            const dp_peer_addr* client, msginf* info, int* had_opt);
 
 // The insertion of dpedns_insert_option41 with the MAC text already found (exactly 17
-// characters are inserted). Always 0.
+// characters are inserted). 0 inserted; DPEDNS_NOT_INSERTED when it does not fit (the message is
+// put back); the parser's negative result when the new message does not parse (put back too).
+inline constexpr int DPEDNS_NOT_INSERTED = 1;
 int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len, const char* mac,
                              msginf* info, int* had_opt);
 

@@ -58,16 +58,18 @@ bool entry_fits(const rrinf& e, uint16_t len) {
 
 // Indexes the header's arcount additional records one after another from the first indexed
 // one and hands each to visit(idx, entry), which returns 0 to go on; any other value ends the
-// walk and is returned. kWalkMalformed (traced) when a record cannot be indexed; 0 when every
-// record was visited.
+// walk and is returned. kWalkMalformed (traced under the caller's name) when a record cannot be
+// indexed; 0 when every record was visited.
 template <typename Visit>
-int walk_additional(const uint8_t* msg, uint16_t len, const msginf* info, Visit visit) {
+int walk_additional(const char* caller, const uint8_t* msg, uint16_t len, const msginf* info,
+                    Visit visit) {
     size_t off = info->ar.offset;
     for (int i = 0; i < info->arcount; ++i) {
         rrinf entry;
         const int ret = off < len ? dpendec_compose_dns_rr_inf(msg, len, msg + off, 0, &entry) : -2;
         if (ret < 0) {
-            DPMAIN_TRACE(DP_DETAIL, "rrbuf=%p aridx=%d ret=%d\n", trace_addr(msg, off), i, ret);
+            DPMAIN_TRACE_AS(caller, DP_DETAIL, "rrbuf=%p aridx=%d ret=%d\n", trace_addr(msg, off),
+                            i, ret);
             return kWalkMalformed;
         }
         if (const int v = visit(i, entry); v != 0) return v;
@@ -76,11 +78,13 @@ int walk_additional(const uint8_t* msg, uint16_t len, const msginf* info, Visit 
     return 0;
 }
 
-// Decodes one additional record for the walks that need its TYPE; traces a failure.
-bool decode_record(const uint8_t* msg, uint16_t len, const rrinf& entry, int idx, dns_rr* rr) {
+// Decodes one additional record for the walks that need its TYPE; traces a failure under the
+// caller's name.
+bool decode_record(const char* caller, const uint8_t* msg, uint16_t len, const rrinf& entry,
+                   int idx, dns_rr* rr) {
     const int ret = dpendec_parse_dns_rr(msg, len, &entry, 0, rr);
     if (ret < 0) {
-        DPMAIN_TRACE(DP_DETAIL, "err to decode anrr idx=%d ret=%d\n", idx, ret);
+        DPMAIN_TRACE_AS(caller, DP_DETAIL, "err to decode anrr idx=%d ret=%d\n", idx, ret);
         return false;
     }
     return true;
@@ -234,9 +238,9 @@ int is_edns_present(const uint8_t* msg, uint16_t len, const msginf* info, rrinf*
         DPMAIN_TRACE(DP_PKT, "No additional RR found in the pkt.\n");
         return -1;
     }
-    const int ret = walk_additional(msg, len, info, [&](int idx, const rrinf& entry) {
+    const int ret = walk_additional(__func__, msg, len, info, [&](int idx, const rrinf& entry) {
         dns_rr rr;
-        if (!decode_record(msg, len, entry, idx, &rr)) return -1;
+        if (!decode_record(__func__, msg, len, entry, idx, &rr)) return -1;
         if (rr.type != DPEDNS_TYPE_OPT) return 0;
         *opt = entry;
         return kWalkStop;
@@ -260,9 +264,9 @@ int get_edns_array_count(const uint8_t* msg, uint16_t len, const msginf* info) {
         return -1;
     }
     int count = 0;
-    const int ret = walk_additional(msg, len, info, [&](int idx, const rrinf& entry) {
+    const int ret = walk_additional(__func__, msg, len, info, [&](int idx, const rrinf& entry) {
         dns_rr rr;
-        if (!decode_record(msg, len, entry, idx, &rr)) return -3;
+        if (!decode_record(__func__, msg, len, entry, idx, &rr)) return -3;
         if (rr.type == DPEDNS_TYPE_OPT) ++count;
         return 0;
     });
@@ -277,7 +281,7 @@ int is_edns_option_fe31_present(const uint8_t* msg, uint16_t len, const rrinf* o
                                 edns_option_pos* pos) {
     DPMAIN_TRACE(DP_PKT, "is_edns_option_fe31_present Entered..\n");
     dns_rr rr;
-    if (!entry_fits(*opt, len) || !decode_record(msg, len, *opt, 0, &rr)) return -1;
+    if (!entry_fits(*opt, len) || !decode_record(__func__, msg, len, *opt, 0, &rr)) return -1;
     if (rr.rdlen > opt->rr_len - opt->name_len - kFixedFields) return -1;
     // Options are read from the decoded copy of the RDATA, which keeps at most 256 bytes.
     const size_t first = static_cast<size_t>(opt->offset) + opt->rr_len - rr.rdlen;
@@ -324,7 +328,7 @@ int is_edns_rd_len_valid(const uint8_t* msg, uint16_t len, const msginf* info) {
         return 0;
     }
     uint16_t rdlen = 0;
-    const int ret = walk_additional(msg, len, info, [&](int idx, const rrinf& entry) {
+    const int ret = walk_additional(__func__, msg, len, info, [&](int idx, const rrinf& entry) {
         dns_rr rr;
         if (parse_edns_rr(msg, len, entry, idx, &rr) < 0) return -1;
         rdlen = rr.rdlen;
@@ -422,7 +426,7 @@ int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info) {
 
 int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len, const char* mac,
                              msginf* info, int* had_opt) {
-    if (*len > DPENDEC_MSG_SIZE) return 0; // not a message of this buffer
+    if (*len > DPENDEC_MSG_SIZE) return DPEDNS_NOT_INSERTED; // not a message of this buffer
     char text[DPEDNS_MAC_TEXT_SIZE] = {};
     std::memcpy(text, mac, strnlen(mac, DPEDNS_MAC_TEXT_LEN));
     const msginf kept = *info;
@@ -437,16 +441,15 @@ int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
         *had_opt = 1;
         ret = append_mac_header(msg, len, opt, make_mac_option(text));
     }
+    int result = DPEDNS_NOT_INSERTED;
     if (ret == 0) {
         *info = {};
-        ret = dpendec_compose_dns_msg_inf(msg, *len, info);
+        result = dpendec_compose_dns_msg_inf(msg, *len, info);
+        if (result > 0) return 0;
     }
-    if (ret < 0) {
-        DPMAIN_TRACE(DP_PKT, "Error After Inserting EDNS header : %d\n", ret);
-        restore_message(backup, msg, len);
-        *info = kept;
-    }
-    return 0;
+    restore_message(backup, msg, len);
+    *info = kept;
+    return result;
 }
 
 int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
@@ -454,8 +457,10 @@ int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
     DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Enter..\n");
     // Cleared first: a client of another kind is "found" without any text written.
     char mac[DPEDNS_MAC_TEXT_SIZE] = {};
-    if (dpedns_find_mac(client, mac) == 0)
-        dpedns_insert_mac_option(backup, msg, len, mac, info, had_opt);
+    if (dpedns_find_mac(client, mac) == 0) {
+        const int ret = dpedns_insert_mac_option(backup, msg, len, mac, info, had_opt);
+        if (ret < 0) DPMAIN_TRACE(DP_PKT, "Error After Inserting EDNS header : %d\n", ret);
+    }
     DPMAIN_TRACE(DP_PKT, "dpOpt41Insert Exit..\n");
     return 0;
 }

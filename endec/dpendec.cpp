@@ -255,8 +255,9 @@ void address_text(const dns_rr& rr, uint16_t qtype, std::span<char> out) {
 }
 
 // Walks the indexed answers of the question's type: the PTR target replaces the name, the first
-// address answer fills hostaddr, ttl follows each answer examined. 1, or -10.
-int scan_answers(std::span<const uint8_t> msg, msginf* info) {
+// address answer fills hostaddr, ttl follows each answer examined. 1, or -10 (traced under the
+// caller's name).
+int scan_answers(std::span<const uint8_t> msg, msginf* info, const char* caller) {
     for (int i = 0; i < info->an_num; ++i) {
         const rrinf& an = info->an[i];
         if (an.type != info->qtype) continue;
@@ -264,7 +265,7 @@ int scan_answers(std::span<const uint8_t> msg, msginf* info) {
         const int ret =
             dpendec_parse_dns_rr(msg.data(), static_cast<uint16_t>(msg.size()), &an, 0, &rr);
         if (ret < 0) {
-            DPEDC_TRACE(DP_DETAIL, "err to decode anrr idx=%d ret=%d\n", i, ret);
+            DPEDC_TRACE_AS(caller, DP_DETAIL, "err to decode anrr idx=%d ret=%d\n", i, ret);
             return -10;
         }
         info->ttl = rr.ttl;
@@ -557,7 +558,7 @@ int dpendec_compose_dns_msg_inf(const uint8_t* msg, uint16_t len, msginf* info) 
     // 9-10. the reverse name's address, then the answers
     if (info->qtype == DPENDEC_TYPE_PTR)
         reverse_name_to_v4({info->name, strnlen(info->name, sizeof info->name)}, info->hostaddr);
-    if (scan_answers(view, info) < 0) return -10;
+    if (scan_answers(view, info, __func__) < 0) return -10;
 
     // 11. the index, for debugging
     if (DP_TRACE_ON(DP_MOD_ENDEC, DP_DETAIL)) {

@@ -71,10 +71,10 @@ lowered_name lower_qname(const char* qname) {
 
 // Only the first occurrence of the pattern is tried, deliberately: a suffix pattern that also
 // occurs earlier in the name does not match, and a name must be longer than a prefix pattern
-// and differ from a suffix pattern.
-bool filter_matches(const name_filter* e, const lowered_name& q) {
-    DPSERV_TRACE(DP_DETAIL, "qname=%s name=%p name=%s matchMode=%u\n", q.s,
-                 static_cast<const void*>(e->name), e->name, e->matchMode);
+// and differ from a suffix pattern. Each test is traced under the mask function's name.
+bool filter_matches(const char* caller, const name_filter* e, const lowered_name& q) {
+    DPSERV_TRACE_AS(caller, DP_DETAIL, "qname=%s name=%p name=%s matchMode=%u\n", q.s,
+                    static_cast<const void*>(e->name), e->name, e->matchMode);
     const char* at = std::strstr(q.s, e->name);
     if (at == nullptr) return false;
     const size_t plen = std::strlen(e->name);
@@ -91,11 +91,11 @@ bool filter_matches(const name_filter* e, const lowered_name& q) {
 }
 
 // The service mask of the client's vendor class: 0 without a lease or a VCI entry for it.
-uint16_t source_mask(uint32_t src) {
+uint16_t source_mask(const char* caller, uint32_t src) {
     const src_lease* lease = find_lease(src);
     if (lease == nullptr) return 0;
-    DPSERV_TRACE(DP_DETAIL, "hash=%d yiaddr=0x%08lX found\n", static_cast<int>(bucket_of(src)),
-                 static_cast<unsigned long>(src));
+    DPSERV_TRACE_AS(caller, DP_DETAIL, "hash=%d yiaddr=0x%08lX found\n",
+                    static_cast<int>(bucket_of(src)), static_cast<unsigned long>(src));
     uint16_t mask = 0;
     for (const vci_entry* v = dpsvr_vci_head(); v != nullptr; v = v->next) {
         if (v->vciLen == lease->vciLen && std::memcmp(v->vci, lease->vci, v->vciLen) == 0) {
@@ -103,7 +103,7 @@ uint16_t source_mask(uint32_t src) {
             break;
         }
     }
-    DPSERV_TRACE(DP_DETAIL, "src_addr=0x%x mask=0x%x\n", src, mask);
+    DPSERV_TRACE_AS(caller, DP_DETAIL, "src_addr=0x%x mask=0x%x\n", src, mask);
     return mask;
 }
 
@@ -229,7 +229,7 @@ uint16_t dpsvr_get_service_mask_by_name(const char* service) {
 int get_service_mask_without_ipaddr(const char* qname, uint16_t* mask) {
     const lowered_name q = lower_qname(qname);
     const name_filter* e = dpsvr_name_filter_head();
-    while (e != nullptr && !filter_matches(e, q))
+    while (e != nullptr && !filter_matches(__func__, e, q))
         e = e->next;
     const int matched = e != nullptr ? 1 : 0;
     *mask = matched != 0 ? e->mask : static_cast<uint16_t>(DPSVR_SERVICE_INTERNET);
@@ -240,12 +240,12 @@ int get_service_mask_without_ipaddr(const char* qname, uint16_t* mask) {
 int get_service_mask(const uint8_t* client_addr, const char* qname, uint16_t* mask) {
     // 1. The source mask of the client's lease.
     const uint32_t src = client_ipv4(client_addr);
-    const uint16_t srcmask = source_mask(src);
+    const uint16_t srcmask = source_mask(__func__, src);
     // 2. The first matching entry whose service the client may use decides.
     const lowered_name q = lower_qname(qname);
     bool matched_any = false;
     for (const name_filter* e = dpsvr_name_filter_head(); e != nullptr; e = e->next) {
-        const bool matched = filter_matches(e, q);
+        const bool matched = filter_matches(__func__, e, q);
         DPSERV_TRACE(DP_DETAIL, "qname=%s src=0x%x namemask=0x%x srcmask=0x%x matched=%d\n", q.s,
                      src, e->mask, srcmask, matched ? 1 : 0);
         if (!matched) continue;

@@ -121,24 +121,26 @@ int send_to(const dns_server& server, const uint8_t* packet, uint16_t len) {
     return dpio_send_to_server(server.addr, kDnsPort, packet, len) > 0 ? 1 : 0;
 }
 
-int send_to_active(uint8_t* packet, uint16_t len, servset* set) {
+// The three policies; their lines are traced under the name of the caller that forwards.
+int send_to_active(const char* caller, uint8_t* packet, uint16_t len, servset* set) {
     const dns_server& server = set->servers[set->activeIdx];
     if (payload_refused(packet, len, server)) {
-        DPSERV_TRACE(
-            DP_DETAIL,
+        DPSERV_TRACE_AS(
+            caller, DP_DETAIL,
             "Query packet has bigger payload or temp error in updating query. Return error");
         return 0;
     }
     return send_to(server, packet, len);
 }
 
-int send_to_all(uint8_t* packet, uint16_t len, servset* set, bool check_payload) {
+int send_to_all(const char* caller, uint8_t* packet, uint16_t len, servset* set,
+                bool check_payload) {
     int sent = 0;
     for (uint32_t i = 0; i < set->num; ++i) {
         const dns_server& server = set->servers[i];
         if (check_payload && payload_refused(packet, len, server)) {
-            DPSERV_TRACE(
-                DP_DETAIL,
+            DPSERV_TRACE_AS(
+                caller, DP_DETAIL,
                 "\nQuery has bigger payload than server. Do not send packet to this server %s %d\n",
                 server.addrStr, server.udpMaxPayload);
             continue;
@@ -149,13 +151,13 @@ int send_to_all(uint8_t* packet, uint16_t len, servset* set, bool check_payload)
 }
 
 // Policy 2: the primary alone while it is known to answer, else every server.
-int send_primary_first(uint8_t* packet, uint16_t len, servset* set) {
-    DPSERV_TRACE(DP_DETAIL, "serv_set->primaryDnsActive = %d , is_first_dns_query=%d\n",
-                 set->primaryDnsActive, is_first_dns_query);
+int send_primary_first(const char* caller, uint8_t* packet, uint16_t len, servset* set) {
+    DPSERV_TRACE_AS(caller, DP_DETAIL, "serv_set->primaryDnsActive = %d , is_first_dns_query=%d\n",
+                    set->primaryDnsActive, is_first_dns_query);
     if (set->primaryDnsActive != 0 && is_first_dns_query != 1)
         return send_to(set->servers[0], packet, len);
     if (is_first_dns_query == 1) is_first_dns_query = kFirstQuerySeen;
-    return send_to_all(packet, len, set, false);
+    return send_to_all(caller, packet, len, set, false);
 }
 
 } // namespace
@@ -211,11 +213,11 @@ int send_query_to_server_set(uint8_t* packet, uint16_t len, servset* set) {
     if (set == nullptr || set->num == 0) return 0;
     switch (set->policy) {
     case 0:
-        return send_to_all(packet, len, set, true);
+        return send_to_all(__func__, packet, len, set, true);
     case 1:
-        return send_to_active(packet, len, set);
+        return send_to_active(__func__, packet, len, set);
     case 2:
-        return send_primary_first(packet, len, set);
+        return send_primary_first(__func__, packet, len, set);
     default:
         return 0;
     }

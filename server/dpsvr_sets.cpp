@@ -62,26 +62,29 @@ int copy_working_set(const servset& work, servset* target) {
     return 1;
 }
 
-// One line of a resolver file: "nameserver <address>" or "domain <name>".
-void parse_resolver_line(char* line, const char* dns_file, servset* v4_work, servset* v6_work) {
+// One line of a resolver file: "nameserver <address>" or "domain <name>". A refused address is
+// traced under the loader's name.
+void parse_resolver_line(const char* loader, char* line, const char* dns_file, servset* v4_work,
+                         servset* v6_work) {
     char* tok[2];
     if (dputl_split_line(line, " \t", 2, tok) != 1) return;
     if (tok[0][0] == '#' || tok[1][0] == '#') return;
     if (std::strcmp(tok[0], "nameserver") == 0) {
         const int ret = add_dns_server_to_server_set(tok[1], v4_work, v6_work);
-        if (ret != 0) DPSERV_TRACE(DP_DETAIL, "ipstr=%s ret=%d\n", tok[1], ret);
+        if (ret != 0) DPSERV_TRACE_AS(loader, DP_DETAIL, "ipstr=%s ret=%d\n", tok[1], ret);
     } else if (std::strcmp(tok[0], "domain") == 0 &&
                std::strcmp(dns_file, kSystemResolvFile) == 0) {
         dpcfg_set_domain_name(tok[1]);
     }
 }
 
-void trace_set(const servset* set) {
-    DPSERV_TRACE(DP_DETAIL, "%s DNS servers num=%u policy=%u active=%u backup=%u\n", set->desc,
-                 set->num, set->policy, set->activeIdx, set->backupIdx);
+void trace_set(const char* loader, const servset* set) {
+    DPSERV_TRACE_AS(loader, DP_DETAIL, "%s DNS servers num=%u policy=%u active=%u backup=%u\n",
+                    set->desc, set->num, set->policy, set->activeIdx, set->backupIdx);
     for (uint32_t i = 0; i < set->num; ++i) {
-        DPSERV_TRACE(DP_DETAIL, "nameserver[%d]: %s UDPMAXPAYLOAD is %d\n", static_cast<int>(i),
-                     set->servers[i].addrStr, set->servers[i].udpMaxPayload);
+        DPSERV_TRACE_AS(loader, DP_DETAIL, "nameserver[%d]: %s UDPMAXPAYLOAD is %d\n",
+                        static_cast<int>(i), set->servers[i].addrStr,
+                        set->servers[i].udpMaxPayload);
     }
 }
 
@@ -151,7 +154,7 @@ int load_server_set_from_file(const char* dns_file, servset* v4_set, servset* v6
     if (FILE* f = std::fopen(kutl_fixed_path(dns_file).s, "r"); f != nullptr) {
         char line[256];
         while (std::fgets(line, sizeof line, f) != nullptr)
-            parse_resolver_line(line, dns_file, v4_work.get(), v6_work.get());
+            parse_resolver_line(__func__, line, dns_file, v4_work.get(), v6_work.get());
         std::fclose(f);
     }
     const int v4_ret = v4_set != nullptr ? copy_working_set(*v4_work, v4_set) : -1;
@@ -178,7 +181,7 @@ int load_dns_servers(int is_v4_serv_set, uint32_t policy, const char* dns_file, 
     DPSERV_TRACE(DP_DETAIL, "is_v4_serv_set=%d policy=%u ret=%d is_updated=%d desc=%s num=%u\n",
                  is_v4_serv_set, static_cast<unsigned>(set->policy), ret, is_updated, set->desc,
                  set->num);
-    if (DP_TRACE_ON(DP_MOD_SERVER, DP_DETAIL)) trace_set(set);
+    if (DP_TRACE_ON(DP_MOD_SERVER, DP_DETAIL)) trace_set(__func__, set);
     return set->num;
 }
 

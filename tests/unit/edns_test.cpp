@@ -334,33 +334,27 @@ TEST_F(Edns, EditsThatDoNotParseOrFitArePutBack) {
     // grows: 0x40 is no label, so the result does not parse.
     const Bytes trailing = cat({query(), {0x40, 0, 0}});
     Packet p(trailing);
-    trace(DP_PKT);
-    StderrCapture err;
-    EXPECT_EQ(p.insert(&had_opt), 0);
+    EXPECT_EQ(p.insert(&had_opt), -2); // the parser's result, for the caller's trace
     EXPECT_EQ(p.bytes(), trailing);
     EXPECT_EQ(p.inf.arcount, 0);
     EXPECT_EQ(p.inf.ar_num, 0);
-    EXPECT_NE(lines(err).find("DPMAIN dpedns_insert_mac_option: Error After Inserting EDNS "
-                              "header : -2\n"),
-              std::string::npos);
-    trace(0);
 
     // An owner other than the root: the fixed offsets miss RDLENGTH, the option lands where the
     // next record should start and the result no longer parses.
     const Bytes odd = query({opt(4096, {}, {1, 'a', 0}), record(1, {192, 0, 2, 1})});
     Packet o(odd);
-    EXPECT_EQ(o.insert(&had_opt), 0);
+    EXPECT_LT(o.insert(&had_opt), 0);
     EXPECT_EQ(o.bytes(), odd);
 
     // No room in the 2048-byte buffer: nothing is written beyond it.
     const Bytes full = query({record(16, Bytes(2048 - kQueryLen - 12 - 20, 'p'))});
     ASSERT_EQ(full.size(), 2048u - 20);
     Packet f(full);
-    EXPECT_EQ(f.insert(&had_opt), 0);
+    EXPECT_EQ(f.insert(&had_opt), DPEDNS_NOT_INSERTED);
     EXPECT_EQ(f.bytes(), full);
     const Bytes full_opt = query({record(16, Bytes(2048 - kQueryLen - 12 - 11 - 10, 'p')), opt(0)});
     Packet fo(full_opt);
-    EXPECT_EQ(fo.insert(&had_opt), 0);
+    EXPECT_EQ(fo.insert(&had_opt), DPEDNS_NOT_INSERTED);
     EXPECT_EQ(fo.bytes(), full_opt);
 
     // Stripping: an answer owner pointing at the OPT record's root byte points past the end

@@ -4,8 +4,12 @@
 #include <regex>
 #include <string>
 
+#include "cache/dpcache.h"
+#include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
+#include "endec/dpendec.h"
 #include "platform/rgw_impl/rgw_impl.h"
+#include "server/dpsvr.h"
 #include "test_support.h"
 
 namespace {
@@ -253,3 +257,74 @@ TEST(RedirectPrintf, MovesBothStreamsAndReportsFailures) {
 }
 
 } // namespace
+
+// A line written by a helper on behalf of an operation carries the operation's name.
+TEST(TraceNames, LinesNameTheOperationTheyBelongTo) {
+    TempRoot root;
+    root.write("/etc/flipla.conf", "EnableD2AFeature=1\n");
+    root.write("/etc/dns_d2a.conf", "192.0.2.1 a.test\n");
+    root.write("/etc/dns_resolv_ipv4.conf", "nameserver 0.0.0.0\nnameserver 192.0.2.53\n");
+    root.write("/etc/dns_prefix.conf", "abc 0 VOIP\n");
+    // An answer whose owner name is a pointer to itself: indexed, but never decoded.
+    const uint8_t looped[] = {0, 1,    0x81, 0, 0, 1, 0, 1, 0, 0, 0, 0, 1, 'a', 0, 0, 1, 0,
+                              1, 0xC0, 19,   0, 1, 0, 1, 0, 0, 0, 0, 0, 4, 192, 0, 2, 1};
+    struct row {
+        const char* prefix; // "<tag> <operation>:"
+        const char* text;
+        void (*run)();
+    };
+    const row rows[] = {
+        {"DPCFG  dpcfg_load_config_param_from_file:", "parm=EnableD2AFeature val=1\n",
+         [] { dpcfg_load_config_param_from_file("/etc/flipla.conf"); }},
+        {"DPCACH dpcache_load_d2a_cache:", "listhead=", [] { dpcache_load_d2a_cache(); }},
+        {"DPCACH dpcache_add_dync_cache:", "delete 0 expired dyn cache record\n",
+         [] {
+             for (int i = 0; i <= static_cast<int>(DPCACHE_DYN_MAX); ++i)
+                 dpcache_add_dync_cache(1, ("n" + std::to_string(i)).c_str(), "192.0.2.9", 60);
+         }},
+        {"DPSERV load_server_set_from_file:", "ipstr=0.0.0.0 ret=-5\n",
+         [] { dpsvr_load_v4_global_dns_servers(); }},
+        {"DPSERV load_dns_servers:", "IPv4 Global DNS servers num=1 ",
+         [] { dpsvr_load_v4_global_dns_servers(); }},
+        {"DPSERV send_query_to_server_set:", "serv_set->primaryDnsActive = 0",
+         [] {
+             servset* set = dpsvr_get_server_set(DPSVR_V4_GLOBAL);
+             set->policy = 2;
+             uint8_t q[12] = {};
+             send_query_to_server_set(q, sizeof q, set);
+         }},
+        {"DPSERV get_service_mask_without_ipaddr:", "qname=x.abc name=",
+         [] {
+             uint16_t mask = 0;
+             dpsvr_load_name_filter_db();
+             get_service_mask_without_ipaddr("x.abc", &mask);
+         }},
+        {"DPSERV get_service_mask:", "qname=abc.x name=",
+         [] {
+             uint16_t mask = 0;
+             const uint8_t client[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 192, 0, 2, 10};
+             get_service_mask(client, "abc.x", &mask);
+         }},
+    };
+    dpsvr_init_server_sets();
+    for (const row& r : rows) {
+        define_debug_mode(6);
+        dp_debug_tbl.timestamp = 0;
+        StderrCapture err;
+        r.run();
+        define_debug_mode(0);
+        const std::regex line(
+            std::string("(^|\n)") + r.prefix + "\\d+ " +
+            std::regex_replace(r.text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)"));
+        EXPECT_TRUE(std::regex_search(err.text(), line)) << r.prefix << r.text;
+    }
+    msginf inf;
+    define_debug_mode(6);
+    dp_debug_tbl.timestamp = 0;
+    StderrCapture err;
+    EXPECT_EQ(dpendec_compose_dns_msg_inf(looped, sizeof looped, &inf), -10);
+    define_debug_mode(0);
+    EXPECT_NE(err.text().find("DPEDC  dpendec_compose_dns_msg_inf:"), std::string::npos);
+    dpcache_purge_all();
+    dpsvr_init_server_sets();
+}
