@@ -111,8 +111,11 @@ void dpio_close_module_interface();
 
 // Asks the management module (21) for its registration state with a request of the given type
 // and waits up to 3000 ms for the reply, whose payload is copied into reply. The event loop
-// blocks meanwhile. 0; -1 null reply or size not above 0; -2 send failed; -3 no reply (receive
-// failed or timed out); -5 no message; -7 empty payload; -9 payload longer than size.
+// blocks meanwhile. The reply is the first message that module 21 sends from its own socket with
+// source 21 and the request's type; what waited on the channel before the request, and any other
+// message that arrives meanwhile, is dropped. 0; -1 null reply or size not above 0; -2 send failed;
+// -3 no reply (receive failed or timed out); -5 no message; -7 empty payload; -9 payload longer
+// than size.
 int dpio_request_registration_state(uint32_t type, uint8_t* reply, int32_t size);
 
 // Tells the status collector (150) whether the DNS service answers (word 5: 2 up, 3 down).

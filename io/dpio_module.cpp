@@ -1,6 +1,8 @@
 // The module message channel: registration-state requests to the management module, service
 // status indications and query responses to the status collector, and the generic receive.
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -15,6 +17,7 @@ namespace {
 
 constexpr uint32_t kRegisterStateWaitMs = 3000;
 constexpr uint32_t kReceiveWaitMs = 1500;
+constexpr int kDrainLimit = 256;         // a bound for a channel that never runs dry
 constexpr uint8_t kFlagsRequest = 0x03;  // bits 0 and 1: requests and status indications
 constexpr uint8_t kFlagsResponse = 0x04; // bit 2 set, bit 1 clear: query responses
 
@@ -60,6 +63,45 @@ std::span<const uint8_t> payload_of(const csMsgHeader* msg) {
     return {reinterpret_cast<const uint8_t*>(msg + 1), msg->dataLength};
 }
 
+int64_t now_ms() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Drops what waits on the channel: nothing that arrived before a request can be its reply (a
+// reply that came after its request had timed out would otherwise answer the next one).
+void drain_channel() {
+    for (int i = 0; i < kDrainLimit; ++i) {
+        csMsgHeader* msg = nullptr;
+        if (csMsg_receiveWithTimeout(s_dp_csmsg_handle, &msg, 0) != CSMSG_OK) return;
+        cslibMem_free(msg);
+    }
+}
+
+// The management module's answer to a request of this type: a whole header that names it as the
+// source and carries the request's type, sent from its own socket.
+bool is_registration_reply(const csMsgHeader* msg, const csMsgOrigin& from, uint32_t type) {
+    return from.size >= sizeof *msg && from.module_id == DPIO_MODULE_MGMT &&
+           msg->src == DPIO_MODULE_MGMT && msg->type == type;
+}
+
+// Waits until the deadline for the reply; any other message is dropped and the wait goes on.
+// What the receive gave, with *reply set on CSMSG_OK.
+int wait_registration_reply(uint32_t type, csMsgHeader** reply) {
+    const int64_t deadline = now_ms() + kRegisterStateWaitMs;
+    for (int64_t left = kRegisterStateWaitMs; left > 0; left = deadline - now_ms()) {
+        csMsgOrigin from{};
+        const int ret = csMsg_receiveFromWithTimeout(s_dp_csmsg_handle, reply,
+                                                     static_cast<uint32_t>(left), &from);
+        if (ret != CSMSG_OK || *reply == nullptr || is_registration_reply(*reply, from, type))
+            return ret;
+        cslibMem_free(*reply);
+        *reply = nullptr;
+    }
+    return CSMSG_TIMEOUT;
+}
+
 } // namespace
 
 int dpio_init_module_interface() {
@@ -86,13 +128,12 @@ void dpio_close_module_interface() {
 int dpio_request_registration_state(uint32_t type, uint8_t* reply, int32_t size) {
     if (reply == nullptr || size <= 0) return -1;
     const csMsgHeader req = make_header(type, DPIO_MODULE_MGMT, kFlagsRequest);
+    drain_channel();
     dump("snd cs3", &req, sizeof req);
     if (csMsg_send(s_dp_csmsg_handle, &req) != CSMSG_OK) return -2;
 
-    // Whatever message arrives first is taken as the reply.
     csMsgHeader* msg = nullptr;
-    if (csMsg_receiveWithTimeout(s_dp_csmsg_handle, &msg, kRegisterStateWaitMs) != CSMSG_OK)
-        return -3;
+    if (wait_registration_reply(type, &msg) != CSMSG_OK) return -3;
     if (msg == nullptr) return -5;
     dump("rcv cs3", msg, static_cast<uint32_t>(sizeof *msg + msg->dataLength));
     const auto payload = payload_of(msg);

@@ -48,6 +48,9 @@ const dpxy_client_itf& dpxy_get_client_itf();
 
 // Writes the PID file; 0, or -1 when it cannot be opened.
 int save_pid();
+// Puts back what the PID file held before save_pid, for a process that turned out to be a second
+// instance beside a running daemon; only while the file still holds this process's PID.
+void dpxy_restore_pid_file();
 
 // Installs handle_signal for the termination and fault signals.
 void register_signal_handler();

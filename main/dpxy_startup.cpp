@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
@@ -37,6 +38,8 @@ constexpr const char* kUsage =
     "\t-h \t\tthis message.\n";
 
 dpxy_client_itf client_itf;
+// What the PID file held before this process wrote its own PID (a PID is at most 7 digits).
+char previous_pid[16];
 uint32_t next_tick_time = 0;
 uint32_t twelve_ticks = 0;
 
@@ -65,6 +68,15 @@ constexpr signal_row kSignals[] = {
 
 const char* or_null(const char* s) {
     return s != nullptr ? s : "(null)";
+}
+
+// The first bytes of a file, NUL-terminated ("" when it cannot be read).
+void read_head(const char* path, std::span<char> out) {
+    out[0] = '\0';
+    FILE* f = std::fopen(path, "r");
+    if (f == nullptr) return;
+    out[std::fread(out.data(), 1, out.size() - 1, f)] = '\0';
+    std::fclose(f);
 }
 
 } // namespace
@@ -151,6 +163,7 @@ const dpxy_client_itf& dpxy_get_client_itf() {
 
 int save_pid() {
     const kutl_path path = kutl_fixed_path(kPidFile);
+    read_head(path.s, previous_pid);
     FILE* f = std::fopen(path.s, "w+");
     if (f == nullptr) {
         DPMAIN_TRACE(DP_ERROR, "failed to save dnsproxy pid to %s\n", path.s);
@@ -161,6 +174,19 @@ int save_pid() {
     DPMAIN_TRACE(DP_DETAIL, "dnsproxy pid(%d) is saved to %s\n", static_cast<int>(getpid()),
                  path.s);
     return 0;
+}
+
+void dpxy_restore_pid_file() {
+    const kutl_path path = kutl_fixed_path(kPidFile);
+    char own[sizeof previous_pid];
+    std::snprintf(own, sizeof own, "%d", static_cast<int>(getpid()));
+    char now[sizeof previous_pid];
+    read_head(path.s, now);
+    if (previous_pid[0] == '\0' || std::strcmp(now, own) != 0) return;
+    if (FILE* f = std::fopen(path.s, "w"); f != nullptr) {
+        std::fputs(previous_pid, f);
+        std::fclose(f);
+    }
 }
 
 void register_signal_handler() {

@@ -72,6 +72,8 @@ int main(int argc, char** argv) {
     rjson_init(kServiceName);
     rjson_add_json_messages(kJsonMsgItf, dp_json_messages, DP_JSON_MESSAGES);
     rjson_add_json_methods(kJsonApiItf, dp_json_methods, DP_JSON_METHODS);
-    start_kiv_dnsproxy_service();
+    // A daemon already running owns the bus name: this one was started by mistake beside it, and
+    // leaves the running one's PID file as it found it.
+    if (start_kiv_dnsproxy_service() == OMBUS_ERR_NAME_OWNED) dpxy_restore_pid_file();
     std::exit(0);
 }

@@ -1,12 +1,16 @@
 #include "platform/csmsg/csmsg.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +48,65 @@ bool fill_addr(sockaddr_un* addr, const char* path) {
     return true;
 }
 
+// Whether a process is bound to the socket at addr: a datagram connect reaches it, and is refused
+// when the file is only a leftover that nobody listens on any more (or is gone).
+bool is_live(const sockaddr_un& addr) {
+    const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) return true; // cannot tell: leave the file alone
+    const bool live = connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ||
+                      (errno != ECONNREFUSED && errno != ENOENT);
+    close(probe);
+    return live;
+}
+
+// Binds fd to the module's path. Taking the path of a live socket away would cut its owner off
+// the channel (a second daemon started by mistake beside the running one), so an existing file
+// is replaced only when nobody is bound to it. The check and the replacement hold a lock on the
+// directory, so that two modules starting together cannot both find a leftover and replace each
+// other's fresh socket.
+int bind_module_socket(int fd, const sockaddr_un& addr, const char* dir) {
+    const auto* sa = reinterpret_cast<const sockaddr*>(&addr);
+    if (bind(fd, sa, sizeof addr) == 0) return CSMSG_OK;
+    if (errno != EADDRINUSE) return CSMSG_ERR;
+    const int lock = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (lock < 0) return CSMSG_ERR;
+    int ret = CSMSG_ERR;
+    if (flock(lock, LOCK_EX) == 0) {
+        if (is_live(addr)) {
+            ret = CSMSG_ERR_INUSE;
+        } else if ((unlink(addr.sun_path) == 0 || errno == ENOENT) &&
+                   bind(fd, sa, sizeof addr) == 0) {
+            ret = CSMSG_OK;
+        }
+    }
+    close(lock); // and with it the lock
+    return ret;
+}
+
+// The module whose socket is bound at the sender's path: the path's last component names it, and
+// the file must be that module's socket (compared by inode, so that spellings of the root prefix
+// do not matter).
+uint32_t sender_module(const sockaddr_un& from, socklen_t len) {
+    constexpr socklen_t kPathOffset = offsetof(sockaddr_un, sun_path);
+    if (len <= kPathOffset || from.sun_path[0] == '\0') return CSMSG_NO_MODULE; // unbound
+    char path[sizeof from.sun_path + 1] = {};
+    std::memcpy(path, from.sun_path, std::min<size_t>(len - kPathOffset, sizeof from.sun_path));
+    const char* name = std::strrchr(path, '/');
+    name = name != nullptr ? name + 1 : path;
+    if (*name < '0' || *name > '9' || std::strlen(name) > 10) return CSMSG_NO_MODULE;
+    char* end = nullptr;
+    const unsigned long id = std::strtoul(name, &end, 10);
+    if (*end != '\0' || id >= CSMSG_NO_MODULE) return CSMSG_NO_MODULE;
+    char own[sizeof from.sun_path];
+    csMsg_module_path(static_cast<uint32_t>(id), own, sizeof own);
+    struct stat sender_st, module_st;
+    if (own[0] == '\0' || stat(path, &sender_st) != 0 || stat(own, &module_st) != 0 ||
+        sender_st.st_dev != module_st.st_dev || sender_st.st_ino != module_st.st_ino) {
+        return CSMSG_NO_MODULE;
+    }
+    return static_cast<uint32_t>(id);
+}
+
 } // namespace
 
 void csMsg_module_path(uint32_t module_id, char* out, uint32_t size) {
@@ -73,11 +136,10 @@ int csMsg_init(uint32_t module_id, csMsgChannel** handle) {
         std::free(ch);
         return CSMSG_ERR;
     }
-    unlink(ch->path); // a socket left behind by an earlier run of this module
-    if (bind(ch->fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (const int ret = bind_module_socket(ch->fd, addr, dir); ret != CSMSG_OK) {
         close(ch->fd);
         std::free(ch);
-        return CSMSG_ERR;
+        return ret;
     }
     *handle = ch;
     return CSMSG_OK;
@@ -112,6 +174,11 @@ int csMsg_send(csMsgChannel* handle, const csMsgHeader* msg) {
 }
 
 int csMsg_receiveWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t timeout_ms) {
+    return csMsg_receiveFromWithTimeout(handle, msg, timeout_ms, nullptr);
+}
+
+int csMsg_receiveFromWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t timeout_ms,
+                                 csMsgOrigin* origin) {
     if (handle == nullptr || msg == nullptr) return CSMSG_ERR_ARGUMENT;
     *msg = nullptr;
     pollfd pfd{handle->fd, POLLIN, 0};
@@ -128,11 +195,15 @@ int csMsg_receiveWithTimeout(csMsgChannel* handle, csMsgHeader** msg, uint32_t t
                                                                         : static_cast<size_t>(size);
     auto* block = static_cast<csMsgHeader*>(cslibMem_alloc(static_cast<uint32_t>(room), 1));
     if (block == nullptr) return CSMSG_ERR;
-    const ssize_t got = recv(handle->fd, block, room, 0);
+    sockaddr_un from{};
+    socklen_t from_len = sizeof from;
+    const ssize_t got =
+        recvfrom(handle->fd, block, room, 0, reinterpret_cast<sockaddr*>(&from), &from_len);
     if (got < 0) {
         cslibMem_free(block);
         return CSMSG_ERR;
     }
+    if (origin != nullptr) *origin = {sender_module(from, from_len), static_cast<uint32_t>(got)};
     const size_t payload = static_cast<size_t>(got) > sizeof(csMsgHeader)
                                ? static_cast<size_t>(got) - sizeof(csMsgHeader)
                                : 0;

@@ -621,7 +621,7 @@ int ombusOwnName(const char* name) {
     if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
         ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
         std::fprintf(stderr, "ombus: %s is owned by another connection\n", name);
-        return set_status(OMBUS_ERR_NAME);
+        return set_status(OMBUS_ERR_NAME_OWNED);
     }
     if (loop.object_path.empty()) {
         loop.object_path = std::string("/") + name;

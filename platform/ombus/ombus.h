@@ -13,13 +13,14 @@ struct DBusConnection;
 // Status values (ombus_get_status_value).
 enum ombus_status : int {
     OMBUS_OK = 0,
-    OMBUS_ERR_CONNECT = -1,  // no bus connection could be made
-    OMBUS_ERR_NAME = -2,     // the bus name could not be owned
-    OMBUS_ERR_FULL = -3,     // a registration table is full
-    OMBUS_ERR_ARGUMENT = -4, // a null callback, a bad descriptor or an invalid bus name
-    OMBUS_ERR_MATCH = -5,    // the bus refused a match rule
-    OMBUS_ERR_REGISTER = -6, // no name owned yet, or the object could not be registered
-    OMBUS_ERR_SEND = -7,     // a message could not be built or queued
+    OMBUS_ERR_CONNECT = -1,    // no bus connection could be made
+    OMBUS_ERR_NAME = -2,       // the bus name could not be owned
+    OMBUS_ERR_FULL = -3,       // a registration table is full
+    OMBUS_ERR_ARGUMENT = -4,   // a null callback, a bad descriptor or an invalid bus name
+    OMBUS_ERR_MATCH = -5,      // the bus refused a match rule
+    OMBUS_ERR_REGISTER = -6,   // no name owned yet, or the object could not be registered
+    OMBUS_ERR_SEND = -7,       // a message could not be built or queued
+    OMBUS_ERR_NAME_OWNED = -8, // another connection owns the bus name
 };
 
 // A registered socket's callback receives its poll entry (descriptor and returned events).
@@ -36,8 +37,9 @@ int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback 
 // Calls the observer after every loop iteration that handled at least one event.
 int ombusRegisterPollingEventObserver(ombusPollingCallback callback, int arg2, int arg3);
 
-// Connects to the system bus (once) and requests the well-known name without queueing. The
-// service's object path follows from the name: "orvik.kiv.dnsproxy" serves /orvik/kiv/dnsproxy.
+// Connects to the system bus (once) and requests the well-known name without queueing
+// (OMBUS_ERR_NAME_OWNED when another connection has it). The service's object path follows from the
+// name: "orvik.kiv.dnsproxy" serves /orvik/kiv/dnsproxy.
 int ombusOwnName(const char* name);
 // The object path of the owned name ("" before ombusOwnName succeeded).
 const char* ombusGetObjectPath();

@@ -1,6 +1,6 @@
 """packaging/dbus/orvik.kiv.dnsproxy.conf on a bus with the system bus's default policy: root owns
-the name, calls the methods and sends the daemon's signals; any other user may only introspect and
-ping it."""
+the name, calls the methods and sends the daemon's signals and the DHCP lease update; any other user
+may only introspect and ping it."""
 
 import os
 import subprocess
@@ -82,13 +82,15 @@ def test_only_root_sends_the_daemons_signals(policy_lab):
     send(policy_lab, f"{JSON_MSG}.kivMessage",
          'string:{"name":"kiv_msg_cli_cmd","params":{"kiv.cli":{"tty_name":"/dev/null","cmd":"echo x"}}}',
          user="nobody", signal=True)
-    # The lease updates belong to the DHCP server's interface, which its own policy governs.
+    # Nor may it inject DHCP leases.
     send(policy_lab, "orvik.dhcpd.dhcpLeaseInfoUpdate", "array:byte:1", user="nobody", signal=True, dest=None)
+    send(policy_lab, "orvik.dhcpd.dhcpLeaseInfoUpdate", "array:byte:2", signal=True, dest=None)
     send(policy_lab, f"{MSG}.dpLoadFirstIpWanNameForDnsFilter", "string:eth9", signal=True)
     wait_for(p.stderr, rf"signal {MSG} dpLoadFirstIpWanNameForDnsFilter len=4")
     log = p.stderr()
     assert "dpLoadD2Acache" not in log and "cli tty" not in log
-    assert "signal orvik.dhcpd dhcpLeaseInfoUpdate len=1 hex=01\n" in log
+    assert log.count("signal orvik.dhcpd dhcpLeaseInfoUpdate") == 1
+    assert "signal orvik.dhcpd dhcpLeaseInfoUpdate len=1 hex=02\n" in log
 
     # kiv_cli run by another user says why nothing happens.
     r = subprocess.run(NOBODY + [kiv_cli_binary(), "dnsproxy", "echo", "x"], env=policy_lab.env(),

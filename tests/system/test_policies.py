@@ -47,6 +47,23 @@ def test_force_register_refuses_when_the_result_is_1(lab):
     assert lab.query("www.example.test")["rcode"] == 5
 
 
+def test_second_instance_leaves_the_running_one_alone(lab):
+    first = start(lab)
+    lab.start_module_peer(21, status="0", result="1")
+    lab.bus_signal("dpEnableForceRegister")
+    channel = lab.root / "var/run/csmsg/44"
+    inode = channel.stat().st_ino
+
+    second = lab.start_dnsproxy(ready=False)
+    assert second.wait() == 0
+    log = second.stderr()
+    assert "fail to init csmsg ret=-4\n" in log and "failed to request bus name for kiv_dnsproxy service\n" in log
+    assert lab.read("/etc/dnsproxy_pid") == str(first.pid)
+    # Refused under force register: the first still answers and still gets module 21's reply.
+    assert lab.query("www.example.test").get("rcode") == 5
+    assert channel.stat().st_ino == inode and first.alive()
+
+
 def test_intercept_answers_ipv4_clients_only_and_not_under_dslite(lab):
     up = lab.start_responder(UP1)
     up6 = lab.start_responder(WAN_V6[0], "answer", "--a", "203.0.113.66")

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstring>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ctrl/dp_trace.h"
@@ -69,11 +71,22 @@ class Peer {
         Bytes m = cat({header(type, 21, 44, 0, 0, static_cast<uint32_t>(payload.size())), payload});
         ASSERT_EQ(csMsg_send(ch_, reinterpret_cast<const csMsgHeader*>(m.data())), CSMSG_OK);
     }
+    int fd() const { return fd_; }
 
   private:
     csMsgChannel* ch_ = nullptr;
     int fd_ = -1;
 };
+
+// One datagram, byte for byte, from the given socket to module 44.
+void send_raw(int fd, const Bytes& datagram) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    csMsg_module_path(44, addr.sun_path, sizeof addr.sun_path);
+    ASSERT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&addr),
+                     sizeof addr),
+              static_cast<ssize_t>(datagram.size()));
+}
 
 class ModuleMessages : public ::testing::Test {
   protected:
@@ -99,27 +112,69 @@ class ModuleMessages : public ::testing::Test {
     TempRoot root;
 };
 
-TEST_F(ModuleMessages, RegistrationStateRequestAndReplySizes) {
+TEST_F(ModuleMessages, RegistrationStateReplyIsTheManagementModulesAnswer) {
     Peer mgmt(21);
+    Peer other(150);
+    const int unbound = socket(AF_UNIX, SOCK_DGRAM, 0);
+    enum From { kMgmt, kOther, kUnbound };
+    const int from_fd[] = {mgmt.fd(), other.fd(), unbound};
+    struct Datagram {
+        From from;
+        Bytes bytes;
+    };
+    auto msg = [](uint32_t type, uint32_t src, const Bytes& payload) {
+        return cat({header(type, src, 44, 0, 0, static_cast<uint32_t>(payload.size())), payload});
+    };
     const Bytes texts = cat({field("1", 5), field("0", 5), field("1", 5)});
-    mgmt.send_to_proxy(0x10000401, texts);
-    uint8_t reply[16] = {};
-    EXPECT_EQ(dpio_request_registration_state(0x10000401, reply, 15), 0);
-    EXPECT_EQ(Bytes(reply, reply + 15), texts);
-    EXPECT_EQ(reply[15], 0);
-    EXPECT_EQ(mgmt.next(), header(0x10000401, 44, 21, 3, 0, 0));
-
-    mgmt.send_to_proxy(0x10000401, Bytes(16, '1'));
-    EXPECT_EQ(dpio_request_registration_state(0x10000401, reply, 15), -9);
-    mgmt.send_to_proxy(0x10000401, {});
-    EXPECT_EQ(dpio_request_registration_state(0x10000401, reply, 15), -7);
-    mgmt.next();
-    mgmt.next();
+    const Bytes wrong = cat({field("0", 5), field("1", 5), field("0", 5)});
+    const Bytes reply = msg(0x10000401, 21, texts);
+    const std::vector<Datagram> foreign = {
+        {kMgmt, msg(0x10000401, 150, wrong)},              // names another source
+        {kMgmt, msg(0x10000402, 21, wrong)},               // another type
+        {kMgmt, Bytes(reply.begin(), reply.begin() + 12)}, // type and source, no whole header
+        {kOther, msg(0x10000401, 21, wrong)},              // from another module's socket
+        {kUnbound, msg(0x10000401, 21, wrong)},            // from a socket bound to no path
+    };
+    std::vector<Datagram> stale = foreign;
+    stale.push_back({kMgmt, msg(0x10000401, 21, wrong)}); // a late answer to an earlier request
+    std::vector<Datagram> foreign_then_reply = foreign;
+    foreign_then_reply.push_back({kMgmt, reply});
+    struct Case {
+        const char* what;
+        std::vector<Datagram> before; // queued before the request
+        std::vector<Datagram> during; // sent once the request has arrived
+        int ret;
+        Bytes got;
+    };
+    const Case cases[] = {
+        {"reply", {}, {{kMgmt, reply}}, 0, texts},
+        {"stale before, foreign during", stale, foreign_then_reply, 0, texts},
+        {"16 bytes", {}, {{kMgmt, msg(0x10000401, 21, Bytes(16, '1'))}}, -9, {}},
+        {"empty", stale, {{kMgmt, msg(0x10000401, 21, {})}}, -7, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        for (const auto& d : c.before)
+            send_raw(from_fd[d.from], d.bytes);
+        std::thread module([&] {
+            EXPECT_EQ(mgmt.next(), header(0x10000401, 44, 21, 3, 0, 0));
+            for (const auto& d : c.during)
+                send_raw(from_fd[d.from], d.bytes);
+        });
+        uint8_t got[16] = {};
+        EXPECT_EQ(dpio_request_registration_state(0x10000401, got, 15), c.ret);
+        module.join();
+        Bytes want = c.got;
+        want.resize(16, 0);
+        EXPECT_EQ(Bytes(got, got + 16), want);
+    }
+    close(unbound);
 
     // Refused before anything is sent.
+    uint8_t got[16];
     EXPECT_EQ(dpio_request_registration_state(0x10000401, nullptr, 15), -1);
-    EXPECT_EQ(dpio_request_registration_state(0x10000401, reply, 0), -1);
-    EXPECT_EQ(dpio_request_registration_state(0x10000401, reply, -4), -1);
+    EXPECT_EQ(dpio_request_registration_state(0x10000401, got, 0), -1);
+    EXPECT_EQ(dpio_request_registration_state(0x10000401, got, -4), -1);
     EXPECT_EQ(mgmt.next(50), Bytes{});
 }
 

@@ -49,6 +49,39 @@ TEST(ModuleChannel, MessageCrossesBetweenModules) {
     EXPECT_FALSE(root.exists("/var/run/csmsg/44"));
 }
 
+TEST(ModuleChannel, LiveSocketIsKeptAndLeftoverReplaced) {
+    TempRoot root;
+    csMsgChannel* running = nullptr;
+    csMsgChannel* second = nullptr;
+    ASSERT_EQ(csMsg_init(44, &running), CSMSG_OK);
+    EXPECT_EQ(csMsg_init(44, &second), CSMSG_ERR_INUSE);
+    EXPECT_EQ(second, nullptr);
+
+    // The running one still gets what is sent to 44.
+    csMsgChannel* peer = nullptr;
+    ASSERT_EQ(csMsg_init(150, &peer), CSMSG_OK);
+    const csMsgHeader hdr{1, 150, 44, 0, {}, 0, 0, 0};
+    ASSERT_EQ(csMsg_send(peer, &hdr), CSMSG_OK);
+    csMsgHeader* got = nullptr;
+    ASSERT_EQ(csMsg_receiveWithTimeout(running, &got, 1000), CSMSG_OK);
+    cslibMem_free(got);
+
+    // A socket file whose owner is gone (closed, never unlinked) is replaced.
+    csMsg_cleanup(&running);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    csMsg_module_path(44, addr.sun_path, sizeof addr.sun_path);
+    const int gone = socket(AF_UNIX, SOCK_DGRAM, 0);
+    ASSERT_EQ(bind(gone, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    close(gone);
+    ASSERT_EQ(csMsg_init(44, &second), CSMSG_OK);
+    ASSERT_EQ(csMsg_send(peer, &hdr), CSMSG_OK);
+    ASSERT_EQ(csMsg_receiveWithTimeout(second, &got, 1000), CSMSG_OK);
+    cslibMem_free(got);
+    csMsg_cleanup(&second);
+    csMsg_cleanup(&peer);
+}
+
 TEST(ModuleChannel, ShortOrLyingDatagramIsBounded) {
     TempRoot root;
     csMsgChannel* peer = nullptr;
