@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/kutl/kutl.h"
+
 namespace {
 
 struct socket_reg {
@@ -85,6 +87,16 @@ int64_t now_ms() {
 int set_status(int status) {
     loop.status = status;
     return status;
+}
+
+__attribute__((format(printf, 2, 3))) void log_bus(int priority, const char* fmt, ...) {
+    char text[512];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    std::fprintf(stderr, "ombus: %s\n", text);
+    syslog(priority, "ombus: %s", text);
 }
 
 // ---- libdbus helpers -------------------------------------------------------------------------
@@ -231,7 +243,7 @@ struct ombusParcel {
     bool has_arg;
     msg_ptr reply;
     DBusMessageIter out;
-    bool write_failed = false;
+    const char* write_failure = nullptr; // why the reply could not be built
     bool answered = false;
 
     explicit ombusParcel(DBusMessage* msg) : call(msg) {
@@ -290,10 +302,15 @@ void finish_call(DBusConnection* conn, ombusParcel* p, const char* interface, co
         send_error(conn, p->call, DBUS_ERROR_FAILED, text);
         return;
     }
-    if (p->reply == nullptr && !p->write_failed)
+    if (p->reply == nullptr && p->write_failure == nullptr) {
         p->reply.reset(dbus_message_new_method_return(p->call));
-    if (p->write_failed || p->reply == nullptr) {
-        send_error(conn, p->call, DBUS_ERROR_NO_MEMORY, "the reply could not be built");
+        if (p->reply == nullptr) p->write_failure = "out of memory";
+    }
+    if (p->write_failure != nullptr) {
+        std::snprintf(text, sizeof text, "the reply of %s of %s could not be built: %s", member,
+                      interface, p->write_failure);
+        log_bus(LOG_ERR, "%s", text);
+        send_error(conn, p->call, DBUS_ERROR_FAILED, text);
         return;
     }
     if (desc != nullptr && !dbus_message_has_signature(p->reply.get(), desc->out_signature)) {
@@ -704,13 +721,18 @@ int ombusParcelReadBytes(ombusParcel* p, const uint8_t** data, uint32_t* length)
 }
 
 namespace {
+int fail_write(ombusParcel* p, const char* why) {
+    if (p->write_failure == nullptr) p->write_failure = why;
+    return -1;
+}
+
 // The reply to append to, made on the first write; null once a write failed.
 DBusMessageIter* reply_iter(ombusParcel* p) {
-    if (p == nullptr || p->write_failed) return nullptr;
+    if (p->write_failure != nullptr) return nullptr;
     if (p->reply == nullptr) {
         p->reply.reset(dbus_message_new_method_return(p->call));
         if (p->reply == nullptr) {
-            p->write_failed = true;
+            fail_write(p, "out of memory");
             return nullptr;
         }
         dbus_message_iter_init_append(p->reply.get(), &p->out);
@@ -721,22 +743,30 @@ DBusMessageIter* reply_iter(ombusParcel* p) {
 int append_basic(ombusParcel* p, int type, const void* value) {
     DBusMessageIter* out = reply_iter(p);
     if (out == nullptr) return -1;
-    if (!dbus_message_iter_append_basic(out, type, value)) {
-        p->write_failed = true;
-        return -1;
-    }
+    if (!dbus_message_iter_append_basic(out, type, value)) return fail_write(p, "out of memory");
     return 0;
 }
 } // namespace
 
 int ombusParcelWriteU32(ombusParcel* p, uint32_t value) {
+    if (p == nullptr) return -1;
     const dbus_uint32_t v = value;
     return append_basic(p, DBUS_TYPE_UINT32, &v);
 }
 
 int ombusParcelWriteString(ombusParcel* p, const char* text) {
-    if (text == nullptr || !dbus_validate_utf8(text, nullptr)) return -1;
-    return append_basic(p, DBUS_TYPE_STRING, &text);
+    if (p == nullptr) return -1;
+    if (text == nullptr) return fail_write(p, "a text argument is null");
+    if (dbus_validate_utf8(text, nullptr)) return append_basic(p, DBUS_TYPE_STRING, &text);
+    // Only UTF-8 travels as a D-Bus text: the caller gets the text repaired rather than an error
+    // in place of the whole reply.
+    std::string fixed(text);
+    fixed.resize(kutl_utf8_fix(fixed.data(), fixed.size() + 1));
+    log_bus(LOG_WARNING, "a reply text of %s is not UTF-8: sent repaired",
+            dbus_message_get_member(p->call));
+    const char* repaired = fixed.c_str();
+    if (!dbus_validate_utf8(repaired, nullptr)) return fail_write(p, "a text is not UTF-8");
+    return append_basic(p, DBUS_TYPE_STRING, &repaired);
 }
 
 void ombusParcelSetAnswered(ombusParcel* p) {

@@ -48,7 +48,8 @@ const char* ombusGetObjectPath();
 // a parcel: the call's arguments are read from it in order, the reply's arguments written to it,
 // and the call marked answered. After the dispatcher returns, an answered call gets its reply; an
 // unanswered one gets an error reply (UnknownMethod for a method the interface does not describe,
-// Failed otherwise), so a caller never waits in vain. A described method called with arguments
+// Failed otherwise), so a caller never waits in vain. A reply that cannot be built is logged and
+// answered with Failed, both naming why. A described method called with arguments
 // other than its input signature gets InvalidArgs and never reaches the dispatcher; a reply whose
 // arguments differ from the described output signature is replaced by a Failed error.
 // org.freedesktop.DBus.Introspectable.Introspect is answered from the registered descriptions;
@@ -81,7 +82,8 @@ int ombusDeclareEmittedSignal(const char* interface, const char* member, const c
 int ombusParcelReadU32(ombusParcel* parcel, uint32_t* value);
 int ombusParcelReadString(ombusParcel* parcel, const char** text);
 int ombusParcelReadBytes(ombusParcel* parcel, const uint8_t** data, uint32_t* length);
-// Appending the reply's arguments: 0, or -1 when the reply cannot be built.
+// Appending the reply's arguments: 0, or -1 when the reply cannot be built. A text that is not
+// UTF-8 is sent repaired (kutl_utf8_fix) and logged, never refused.
 int ombusParcelWriteU32(ombusParcel* parcel, uint32_t value);
 int ombusParcelWriteString(ombusParcel* parcel, const char* text);
 // Marks the call answered: the written arguments are sent as its reply.
