@@ -139,7 +139,54 @@ int word_index(const char* const (&words)[N], const char* word) {
     return -1;
 }
 
+// The well-formed UTF-8 character at s, with n bytes left: its length, 0 when the bytes there are
+// no such character, or -1 when they are its beginning and the text ends before the rest.
+int utf8_char(const unsigned char* s, size_t n) {
+    const unsigned char c = s[0];
+    if (c < 0x80) return 1;
+    // The lead byte fixes the length and the range of the second byte (no overlong forms, no
+    // surrogates, nothing above U+10FFFF); later bytes are 0x80..0xBF.
+    int len = 0;
+    unsigned char lo = 0x80;
+    unsigned char hi = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+        len = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        len = 3;
+        if (c == 0xE0) lo = 0xA0;
+        if (c == 0xED) hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        len = 4;
+        if (c == 0xF0) lo = 0x90;
+        if (c == 0xF4) hi = 0x8F;
+    } else {
+        return 0;
+    }
+    for (int i = 1; i < len; ++i) {
+        if (static_cast<size_t>(i) == n) return -1;
+        if (s[i] < (i == 1 ? lo : 0x80) || s[i] > (i == 1 ? hi : 0xBF)) return 0;
+    }
+    return len;
+}
+
 } // namespace
+
+size_t kutl_utf8_fix(char* buf, size_t size) {
+    if (buf == nullptr || size == 0) return 0;
+    const size_t len = strnlen(buf, size - 1);
+    buf[len] = '\0';
+    auto* s = reinterpret_cast<unsigned char*>(buf);
+    for (size_t i = 0; i < len;) {
+        const int n = utf8_char(s + i, len - i);
+        if (n < 0) {
+            buf[i] = '\0';
+            return i;
+        }
+        if (n == 0) s[i] = '?';
+        i += n > 0 ? static_cast<size_t>(n) : 1;
+    }
+    return len;
+}
 
 int kutl_load_kiv_config_from_file(const char* path, const kutl_kiv_config_entry* table, int n) {
     FILE* f = std::fopen(path, "r");

@@ -1,7 +1,9 @@
 // The gateway's in-house utility library: the fixed-path root, key-table files, word-to-number
-// look-ups, output redirection and the CLI command table matcher.
+// look-ups, output redirection, the CLI command table matcher and the repair of texts that must
+// be UTF-8.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // A fixed path (/etc/..., /configs/..., /var/...) as the daemon opens it: prefixed with the
@@ -41,6 +43,12 @@ struct kutl_int_pair {
 
 // The value paired with key in the table, or dflt when no row has that key.
 int kutl_get_int_by_int(const kutl_int_pair* table, int rows, int key, int dflt);
+
+// Makes the text in buf (size bytes) well-formed UTF-8 in place, so that a text built in a bounded
+// buffer can go on the bus: it ends at buf[size - 1] at the latest, a character cut short at its
+// end (a bounded write stopped inside it) is dropped whole, and every other byte that belongs to
+// no well-formed character becomes '?'. Returns the text's length.
+size_t kutl_utf8_fix(char* buf, size_t size);
 
 // Reopens standard output and standard error on path (a terminal, a FIFO or a file).
 // 0 on success; -1 when the path cannot be opened, and output stays where it was.

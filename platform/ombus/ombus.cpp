@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/kutl/kutl.h"
+
 namespace {
 
 struct socket_reg {
@@ -36,6 +38,14 @@ struct bus_timeout {
 // more never moves the entry being served.
 constexpr int kMaxServices = 8;
 constexpr size_t kBusNameMax = 256; // D-Bus names are at most 255 characters
+
+// A call to the bus daemon waits this long for its reply at most, so that a bus that takes
+// connections but does not answer holds the loop up only so long (libdbus would wait 25 s).
+constexpr int kDaemonCallMs = 2000;
+// After the connection was lost, the first new one is tried this soon; the wait doubles after
+// every failed try, up to the cap.
+constexpr int64_t kReconnectFirstMs = 100;
+constexpr int64_t kReconnectMaxMs = 4000;
 
 struct service_reg {
     char interface[kBusNameMax];
@@ -62,9 +72,20 @@ struct loop_state {
     DBusConnection* conn = nullptr;
     bool connect_failed = false;
     bool disconnected = false;
+    // A lost connection is made again by the loop alone: when to try next, the wait after that
+    // try, the tries so far, and the last failure reported (a new reason is reported once).
+    bool lost = false;
+    int64_t reconnect_due_ms = 0;
+    int64_t reconnect_delay_ms = 0;
+    int reconnect_tries = 0;
+    std::string reconnect_failure;
     volatile sig_atomic_t quit = 0; // may be set from a signal handler
     int status = OMBUS_OK;
 
+    // What a new connection must carry again: the owned name, the object with every registered
+    // interface, and the match rules added and not removed, in their order.
+    std::string owned_name;
+    std::vector<std::string> match_rules;
     std::string object_path;
     bool object_registered = false;
     service_reg services[kMaxServices];
@@ -85,6 +106,16 @@ int64_t now_ms() {
 int set_status(int status) {
     loop.status = status;
     return status;
+}
+
+__attribute__((format(printf, 2, 3))) void log_bus(int priority, const char* fmt, ...) {
+    char text[512];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    std::fprintf(stderr, "ombus: %s\n", text);
+    syslog(priority, "ombus: %s", text);
 }
 
 // ---- libdbus helpers -------------------------------------------------------------------------
@@ -199,24 +230,72 @@ void close_connection() {
     loop.bus_timeouts.clear();
 }
 
-DBusConnection* connect_bus() {
-    if (loop.conn != nullptr || loop.connect_failed) return loop.conn;
-    bus_error err;
-    DBusConnection* conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, &err.err);
-    if (conn == nullptr) {
-        std::fprintf(stderr, "ombus: cannot connect to the system bus: %s\n", err.text());
-        loop.connect_failed = true;
-        return nullptr;
-    }
-    // A lost bus must not end the daemon: DNS service goes on without the control plane.
+// A new connection to the system bus, served by the loop; null with err set when the bus cannot
+// be reached (a socket nobody listens on fails at once).
+DBusConnection* open_connection(bus_error* err) {
+    DBusConnection* conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, &err->err);
+    if (conn == nullptr) return nullptr;
+    // A lost bus must not end the daemon: DNS service goes on, and the loop connects again.
     dbus_connection_set_exit_on_disconnect(conn, FALSE);
     dbus_connection_add_filter(conn, on_bus_message, nullptr, nullptr);
     dbus_connection_set_watch_functions(conn, add_watch, remove_watch, toggle_watch, nullptr,
                                         nullptr);
     dbus_connection_set_timeout_functions(conn, add_timeout, remove_timeout, toggle_timeout,
                                           nullptr, nullptr);
-    loop.conn = conn;
     return conn;
+}
+
+// The connection, made on first use. Once one was lost, only the loop's reconnection makes the
+// next, with everything registered on it; until then there is none.
+DBusConnection* connect_bus() {
+    if (loop.conn != nullptr || loop.connect_failed || loop.lost) return loop.conn;
+    bus_error err;
+    loop.conn = open_connection(&err);
+    if (loop.conn == nullptr) {
+        log_bus(LOG_ERR, "cannot connect to the system bus: %s", err.text());
+        loop.connect_failed = true;
+    }
+    return loop.conn;
+}
+
+// A method of the bus daemon with a text argument (and flags when given); null with err set when
+// it fails or no reply comes within kDaemonCallMs.
+msg_ptr call_daemon(DBusConnection* conn, const char* member, const char* text, bus_error* err,
+                    const dbus_uint32_t* flags = nullptr) {
+    if (!dbus_validate_utf8(text, nullptr)) {
+        dbus_set_error_const(&err->err, DBUS_ERROR_INVALID_ARGS, "the text is not UTF-8");
+        return nullptr;
+    }
+    msg_ptr call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                              DBUS_INTERFACE_DBUS, member));
+    if (call == nullptr ||
+        !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) ||
+        (flags != nullptr &&
+         !dbus_message_append_args(call.get(), DBUS_TYPE_UINT32, flags, DBUS_TYPE_INVALID))) {
+        dbus_set_error_const(&err->err, DBUS_ERROR_NO_MEMORY, "out of memory");
+        return nullptr;
+    }
+    return msg_ptr(
+        dbus_connection_send_with_reply_and_block(conn, call.get(), kDaemonCallMs, &err->err));
+}
+
+// Requests the name without queueing: true when the connection is its primary owner.
+// OMBUS_OK when the name is ours; OMBUS_ERR_NAME_OWNED when another connection has it;
+// OMBUS_ERR_NAME when the bus refused or did not answer. err says why.
+int request_name(DBusConnection* conn, const char* name, bus_error* err) {
+    const dbus_uint32_t flags = DBUS_NAME_FLAG_DO_NOT_QUEUE;
+    msg_ptr reply = call_daemon(conn, "RequestName", name, err, &flags);
+    dbus_uint32_t ret = 0;
+    if (reply == nullptr ||
+        !dbus_message_get_args(reply.get(), &err->err, DBUS_TYPE_UINT32, &ret, DBUS_TYPE_INVALID)) {
+        return OMBUS_ERR_NAME;
+    }
+    if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
+        ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
+        dbus_set_error(&err->err, DBUS_ERROR_FAILED, "%s is owned by another connection", name);
+        return OMBUS_ERR_NAME_OWNED;
+    }
+    return OMBUS_OK;
 }
 
 } // namespace
@@ -231,7 +310,7 @@ struct ombusParcel {
     bool has_arg;
     msg_ptr reply;
     DBusMessageIter out;
-    bool write_failed = false;
+    const char* write_failure = nullptr; // why the reply could not be built
     bool answered = false;
 
     explicit ombusParcel(DBusMessage* msg) : call(msg) {
@@ -290,10 +369,15 @@ void finish_call(DBusConnection* conn, ombusParcel* p, const char* interface, co
         send_error(conn, p->call, DBUS_ERROR_FAILED, text);
         return;
     }
-    if (p->reply == nullptr && !p->write_failed)
+    if (p->reply == nullptr && p->write_failure == nullptr) {
         p->reply.reset(dbus_message_new_method_return(p->call));
-    if (p->write_failed || p->reply == nullptr) {
-        send_error(conn, p->call, DBUS_ERROR_NO_MEMORY, "the reply could not be built");
+        if (p->reply == nullptr) p->write_failure = "out of memory";
+    }
+    if (p->write_failure != nullptr) {
+        std::snprintf(text, sizeof text, "the reply of %s of %s could not be built: %s", member,
+                      interface, p->write_failure);
+        log_bus(LOG_ERR, "%s", text);
+        send_error(conn, p->call, DBUS_ERROR_FAILED, text);
         return;
     }
     if (desc != nullptr && !dbus_message_has_signature(p->reply.get(), desc->out_signature)) {
@@ -421,16 +505,15 @@ bool valid_methods(const ombusMethodDesc* methods, int n) {
     return true;
 }
 
-// The object is registered with the first interface, at the owned name's path.
-int register_object() {
+// The object is registered with the first interface, at the owned name's path; it serves every
+// registered interface. err is set when libdbus refused it.
+int register_object(bus_error* err) {
     if (loop.object_registered) return OMBUS_OK;
     if (loop.conn == nullptr || loop.object_path.empty()) return OMBUS_ERR_REGISTER;
     static const DBusObjectPathVTable vtable = {nullptr, on_object_message, nullptr,
                                                 nullptr, nullptr,           nullptr};
-    bus_error err;
     if (!dbus_connection_try_register_object_path(loop.conn, loop.object_path.c_str(), &vtable,
-                                                  nullptr, &err.err)) {
-        std::fprintf(stderr, "ombus: cannot serve %s: %s\n", loop.object_path.c_str(), err.text());
+                                                  nullptr, &err->err)) {
         return OMBUS_ERR_REGISTER;
     }
     loop.object_registered = true;
@@ -438,21 +521,70 @@ int register_object() {
 }
 
 int call_match(const char* rule, bool add) {
+    if (rule == nullptr) return set_status(OMBUS_ERR_ARGUMENT);
+    if (!add) { // forgotten even while the bus is away, so that no reconnection adds it again
+        const auto it = std::find(loop.match_rules.begin(), loop.match_rules.end(), rule);
+        if (it != loop.match_rules.end()) loop.match_rules.erase(it);
+    }
     DBusConnection* conn = connect_bus();
     if (conn == nullptr) return set_status(OMBUS_ERR_CONNECT);
-    if (rule == nullptr) return set_status(OMBUS_ERR_ARGUMENT);
     bus_error err;
-    if (add) {
-        dbus_bus_add_match(conn, rule, &err.err);
-    } else {
-        dbus_bus_remove_match(conn, rule, &err.err);
-    }
-    if (err.set()) {
-        std::fprintf(stderr, "ombus: cannot %s match rule %s: %s\n", add ? "add" : "remove", rule,
-                     err.text());
+    if (call_daemon(conn, add ? "AddMatch" : "RemoveMatch", rule, &err) == nullptr) {
+        log_bus(LOG_ERR, "cannot %s match rule %s: %s", add ? "add" : "remove", rule, err.text());
         return set_status(OMBUS_ERR_MATCH);
     }
+    if (add) loop.match_rules.emplace_back(rule);
     return set_status(OMBUS_OK);
+}
+
+// ---- a lost connection -----------------------------------------------------------------------
+
+// Puts the service on a new connection as it was: the object first (so that no call arriving once
+// the name is owned finds it missing), then the name, then every match rule. The registrations
+// and the signal table are kept in the loop and stay as they are. false, with err set, when a
+// step fails; a name owned by another connection is such a failure.
+bool restore_service(bus_error* err) {
+    loop.conn = open_connection(err);
+    if (loop.conn == nullptr) return false;
+    if (loop.service_count > 0 && register_object(err) != OMBUS_OK) return false;
+    if (!loop.owned_name.empty() &&
+        request_name(loop.conn, loop.owned_name.c_str(), err) != OMBUS_OK)
+        return false;
+    for (const auto& rule : loop.match_rules) {
+        if (call_daemon(loop.conn, "AddMatch", rule.c_str(), err) == nullptr) return false;
+    }
+    return true;
+}
+
+void connection_lost() {
+    log_bus(LOG_ERR, "the bus connection was lost");
+    close_connection();
+    loop.lost = true;
+    loop.reconnect_tries = 0;
+    loop.reconnect_failure.clear();
+    loop.reconnect_delay_ms = kReconnectFirstMs;
+    loop.reconnect_due_ms = now_ms() + kReconnectFirstMs;
+}
+
+// One try when it is due; a failed try leaves no connection and waits twice as long for the next.
+void reconnect() {
+    if (!loop.lost || now_ms() < loop.reconnect_due_ms) return;
+    ++loop.reconnect_tries;
+    bus_error err;
+    if (!restore_service(&err)) {
+        close_connection();
+        if (loop.reconnect_failure != err.text()) { // not every few seconds while the bus is away
+            loop.reconnect_failure = err.text();
+            log_bus(LOG_WARNING, "no new bus connection yet (try %d): %s", loop.reconnect_tries,
+                    err.text());
+        }
+        loop.reconnect_delay_ms = std::min(loop.reconnect_delay_ms * 2, kReconnectMaxMs);
+        loop.reconnect_due_ms = now_ms() + loop.reconnect_delay_ms;
+        return;
+    }
+    loop.lost = false;
+    log_bus(LOG_NOTICE, "reconnected to the bus (try %d): %s served again", loop.reconnect_tries,
+            loop.owned_name.empty() ? "no name" : loop.owned_name.c_str());
 }
 
 // ---- one iteration ---------------------------------------------------------------------------
@@ -490,6 +622,7 @@ int next_wait_ms(int64_t now) {
     for (const auto& t : loop.bus_timeouts) {
         if (dbus_timeout_get_enabled(t.timeout)) consider(t.due_ms);
     }
+    if (loop.lost) consider(loop.reconnect_due_ms);
     return static_cast<int>(std::min<int64_t>(wait, 60000));
 }
 
@@ -558,10 +691,8 @@ void dispatch_bus() {
     if (loop.conn == nullptr) return;
     while (dbus_connection_dispatch(loop.conn) == DBUS_DISPATCH_DATA_REMAINS) {}
     if (loop.disconnected) {
-        std::fprintf(stderr, "ombus: the bus connection was lost\n");
-        syslog(LOG_ERR, "ombus: the bus connection was lost");
-        close_connection();
         loop.disconnected = false;
+        connection_lost();
     }
 }
 
@@ -613,16 +744,11 @@ int ombusOwnName(const char* name) {
     if (name == nullptr || !dbus_validate_bus_name(name, nullptr) || name[0] == ':')
         return set_status(OMBUS_ERR_ARGUMENT);
     bus_error err;
-    const int ret = dbus_bus_request_name(conn, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, &err.err);
-    if (err.set()) {
-        std::fprintf(stderr, "ombus: cannot own %s: %s\n", name, err.text());
-        return set_status(OMBUS_ERR_NAME);
+    if (const int status = request_name(conn, name, &err); status != OMBUS_OK) {
+        log_bus(LOG_ERR, "cannot own %s: %s", name, err.text());
+        return set_status(status);
     }
-    if (ret != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
-        ret != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
-        std::fprintf(stderr, "ombus: %s is owned by another connection\n", name);
-        return set_status(OMBUS_ERR_NAME_OWNED);
-    }
+    loop.owned_name = name;
     if (loop.object_path.empty()) {
         loop.object_path = std::string("/") + name;
         std::replace(loop.object_path.begin(), loop.object_path.end(), '.', '/');
@@ -643,7 +769,9 @@ int ombusRegisterService(const char* interface, const void* service,
     }
     if (find_service(interface, nullptr) != nullptr || loop.service_count == kMaxServices)
         return set_status(OMBUS_ERR_FULL);
-    const int status = register_object();
+    bus_error err;
+    const int status = register_object(&err);
+    if (err.set()) log_bus(LOG_ERR, "cannot serve %s: %s", loop.object_path.c_str(), err.text());
     if (status != OMBUS_OK) return set_status(status);
     service_reg& svc = loop.services[loop.service_count++];
     std::snprintf(svc.interface, sizeof svc.interface, "%s", interface);
@@ -704,13 +832,18 @@ int ombusParcelReadBytes(ombusParcel* p, const uint8_t** data, uint32_t* length)
 }
 
 namespace {
+int fail_write(ombusParcel* p, const char* why) {
+    if (p->write_failure == nullptr) p->write_failure = why;
+    return -1;
+}
+
 // The reply to append to, made on the first write; null once a write failed.
 DBusMessageIter* reply_iter(ombusParcel* p) {
-    if (p == nullptr || p->write_failed) return nullptr;
+    if (p->write_failure != nullptr) return nullptr;
     if (p->reply == nullptr) {
         p->reply.reset(dbus_message_new_method_return(p->call));
         if (p->reply == nullptr) {
-            p->write_failed = true;
+            fail_write(p, "out of memory");
             return nullptr;
         }
         dbus_message_iter_init_append(p->reply.get(), &p->out);
@@ -721,22 +854,30 @@ DBusMessageIter* reply_iter(ombusParcel* p) {
 int append_basic(ombusParcel* p, int type, const void* value) {
     DBusMessageIter* out = reply_iter(p);
     if (out == nullptr) return -1;
-    if (!dbus_message_iter_append_basic(out, type, value)) {
-        p->write_failed = true;
-        return -1;
-    }
+    if (!dbus_message_iter_append_basic(out, type, value)) return fail_write(p, "out of memory");
     return 0;
 }
 } // namespace
 
 int ombusParcelWriteU32(ombusParcel* p, uint32_t value) {
+    if (p == nullptr) return -1;
     const dbus_uint32_t v = value;
     return append_basic(p, DBUS_TYPE_UINT32, &v);
 }
 
 int ombusParcelWriteString(ombusParcel* p, const char* text) {
-    if (text == nullptr || !dbus_validate_utf8(text, nullptr)) return -1;
-    return append_basic(p, DBUS_TYPE_STRING, &text);
+    if (p == nullptr) return -1;
+    if (text == nullptr) return fail_write(p, "a text argument is null");
+    if (dbus_validate_utf8(text, nullptr)) return append_basic(p, DBUS_TYPE_STRING, &text);
+    // Only UTF-8 travels as a D-Bus text: the caller gets the text repaired rather than an error
+    // in place of the whole reply.
+    std::string fixed(text);
+    fixed.resize(kutl_utf8_fix(fixed.data(), fixed.size() + 1));
+    log_bus(LOG_WARNING, "a reply text of %s is not UTF-8: sent repaired",
+            dbus_message_get_member(p->call));
+    const char* repaired = fixed.c_str();
+    if (!dbus_validate_utf8(repaired, nullptr)) return fail_write(p, "a text is not UTF-8");
+    return append_basic(p, DBUS_TYPE_STRING, &repaired);
 }
 
 void ombusParcelSetAnswered(ombusParcel* p) {
@@ -820,6 +961,7 @@ int ombusMainLoop() {
         }
         serve_timeouts();
         dispatch_bus();
+        reconnect();
         if (handled) run_observers();
     }
     sigprocmask(SIG_SETMASK, &saved, nullptr);
@@ -851,8 +993,11 @@ void ombusReset() {
     loop.observers.clear();
     loop.pfds.clear();
     loop.connect_failed = false;
+    loop.lost = false;
     loop.quit = 0;
     loop.status = OMBUS_OK;
+    loop.owned_name.clear();
+    loop.match_rules.clear();
     loop.object_path.clear();
     for (int i = 0; i < loop.service_count; ++i)
         loop.services[i].methods.clear();

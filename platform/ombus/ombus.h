@@ -2,6 +2,18 @@
 // periodic time-out handlers, the event observers and a D-Bus connection (libdbus-1) on the
 // system bus (DBUS_SYSTEM_BUS_ADDRESS points it at a private bus). On that connection a service
 // owns its name, offers method interfaces on its object, subscribes to signals and emits them.
+//
+// A bus that cannot be reached at first use is a failure of that call (the connection is not
+// tried again), so a service that cannot register at start-up learns it there. A connection lost
+// later is made again by the loop: the first try 100 ms after the loss, the wait doubling after
+// every failed try up to 4 s. Each try puts back what was registered (the object with every
+// interface, the owned name, the match rules added and not removed); the signal table and the
+// loop's sockets, time-outs and observers stay as they are, so the users of this library need not
+// know. A try that cannot own the name (another connection has it) has failed like one that finds
+// no bus, and is repeated. Until a try succeeds there is no connection: emitting, adding or
+// removing a match rule fail with OMBUS_ERR_CONNECT (a removed rule is not put back), and the loop
+// keeps serving its sockets. The loss, each new reason of a failed try and the reconnection are
+// logged on standard error and syslog.
 #pragma once
 
 #include <poll.h>
@@ -37,9 +49,10 @@ int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback 
 // Calls the observer after every loop iteration that handled at least one event.
 int ombusRegisterPollingEventObserver(ombusPollingCallback callback, int arg2, int arg3);
 
-// Connects to the system bus (once) and requests the well-known name without queueing
-// (OMBUS_ERR_NAME_OWNED when another connection has it). The service's object path follows from the
-// name: "orvik.kiv.dnsproxy" serves /orvik/kiv/dnsproxy.
+// Connects to the system bus (on first use) and requests the well-known name without queueing
+// (OMBUS_ERR_NAME_OWNED when another connection has it). The service's object path follows from
+// the name: "orvik.kiv.dnsproxy" serves /orvik/kiv/dnsproxy. Calls to the bus daemon wait 2 s
+// at most for its reply.
 int ombusOwnName(const char* name);
 // The object path of the owned name ("" before ombusOwnName succeeded).
 const char* ombusGetObjectPath();
@@ -50,7 +63,8 @@ const char* ombusGetObjectPath();
 // a parcel: the call's arguments are read from it in order, the reply's arguments written to it,
 // and the call marked answered. After the dispatcher returns, an answered call gets its reply; an
 // unanswered one gets an error reply (UnknownMethod for a method the interface does not describe,
-// Failed otherwise), so a caller never waits in vain. A described method called with arguments
+// Failed otherwise), so a caller never waits in vain. A reply that cannot be built is logged and
+// answered with Failed, both naming why. A described method called with arguments
 // other than its input signature gets InvalidArgs and never reaches the dispatcher; a reply whose
 // arguments differ from the described output signature is replaced by a Failed error.
 // org.freedesktop.DBus.Introspectable.Introspect is answered from the registered descriptions;
@@ -83,7 +97,8 @@ int ombusDeclareEmittedSignal(const char* interface, const char* member, const c
 int ombusParcelReadU32(ombusParcel* parcel, uint32_t* value);
 int ombusParcelReadString(ombusParcel* parcel, const char** text);
 int ombusParcelReadBytes(ombusParcel* parcel, const uint8_t** data, uint32_t* length);
-// Appending the reply's arguments: 0, or -1 when the reply cannot be built.
+// Appending the reply's arguments: 0, or -1 when the reply cannot be built. A text that is not
+// UTF-8 is sent repaired (kutl_utf8_fix) and logged, never refused.
 int ombusParcelWriteU32(ombusParcel* parcel, uint32_t value);
 int ombusParcelWriteString(ombusParcel* parcel, const char* text);
 // Marks the call answered: the written arguments are sent as its reply.
@@ -104,7 +119,8 @@ struct ombusInterestedSignal {
     int row;
 };
 
-// Adds (removes) a D-Bus match rule, passed to the bus as written. 0 or OMBUS_ERR_MATCH.
+// Adds (removes) a D-Bus match rule, passed to the bus as written. 0, OMBUS_ERR_MATCH or
+// OMBUS_ERR_CONNECT. The rules added are kept, to be added again on a new connection.
 int ombusAddInterestedSignal(const char* match_rule);
 int ombusRemoveMatch(const char* match_rule);
 
@@ -117,7 +133,8 @@ int ombusSetInteresetedSignals(const ombusInterestedSignal* table, int count);
 int ombusEmitSignal(const char* path, const char* interface, const char* member, const void* bytes,
                     uint32_t length);
 
-// The connection, made on first use; null when the bus cannot be reached.
+// The connection, made on first use; null when the bus cannot be reached or while a lost one is
+// being made again.
 DBusConnection* ombusGetConnection();
 
 // Runs the loop until ombusQuitMainLoop. SIGINT and SIGTERM are taken only while the loop

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "platform/kutl/kutl.h"
+
 namespace {
 
 constexpr int kMaxMessageHandlers = 8;
@@ -82,7 +84,7 @@ int rcsd_kiv_sync_invoke(const char* request, char* result, uint32_t result_size
         return RCSD_ERR_NO_HANDLER;
     }
     const int status = svc.sync_handler(svc.api_interface.c_str(), request, result, result_size);
-    result[result_size - 1] = '\0';
+    kutl_utf8_fix(result, result_size); // the result goes on the bus as a text
     return status;
 }
 

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/kutl/kutl.h"
+
 namespace {
 
 constexpr int kMaxTables = 16;
@@ -40,12 +42,15 @@ struct json_put {
 };
 using json_ptr = std::unique_ptr<json_object, json_put>;
 
-// Records why a call is refused; the dispatchers print it when the call fails.
+// Records why a call is refused; the dispatchers print it when the call fails, and a method's
+// caller receives it. It names what the caller sent, so it may be cut, but never inside a
+// character: the reason travels on the bus as a text.
 __attribute__((format(printf, 2, 3))) int refuse(int status, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     std::vsnprintf(helper.last_error, sizeof helper.last_error, fmt, ap);
     va_end(ap);
+    kutl_utf8_fix(helper.last_error, sizeof helper.last_error);
     return status;
 }
 
@@ -127,6 +132,11 @@ int open_envelope(const char* text, envelope* env) {
         return refuse(RJSON_ERR_SYNTAX, "the JSON object has no text \"name\"");
     }
     env->name = json_object_get_string(name);
+    // Looked up as a C text, "x\u0000y" would pass for a registered "x".
+    if (std::strlen(env->name) != static_cast<size_t>(json_object_get_string_len(name))) {
+        env->name = nullptr;
+        return refuse(RJSON_ERR_SYNTAX, "the \"name\" holds a NUL character");
+    }
     json_object* params = nullptr;
     if (json_object_object_get_ex(env->doc.get(), "params", &params) && params != nullptr &&
         !json_object_is_type(params, json_type_object)) {
@@ -259,12 +269,18 @@ int rjson_process_kiv_method(const char* interface, const char* request, char* r
                             interface != nullptr ? interface : "-");
         } else {
             status = row->handler(env.params, result, result_size);
-            result[result_size - 1] = '\0';
+            kutl_utf8_fix(result, result_size);
         }
     }
     if (status < 0) {
+        // A refused call always tells its caller why.
+        if (helper.last_error[0] == '\0')
+            refuse(status, "%s refused the request", env.name != nullptr ? env.name : "-");
         report("method", env.name, status);
-        if (result[0] == '\0') std::snprintf(result, result_size, "%s", helper.last_error);
+        if (result[0] == '\0') {
+            std::snprintf(result, result_size, "%s", helper.last_error);
+            kutl_utf8_fix(result, result_size);
+        }
     }
     return status;
 }

@@ -15,7 +15,7 @@ enum rjson_status : int {
     RJSON_OK = 0,
     RJSON_ERR_STATE = -1,     // not initialised, or a null argument
     RJSON_ERR_FULL = -2,      // too many tables registered
-    RJSON_ERR_SYNTAX = -400,  // not JSON, or not an envelope with a text "name"
+    RJSON_ERR_SYNTAX = -400,  // not JSON, or no envelope with a text "name" free of NUL
     RJSON_ERR_NAME = -404,    // no handler registered under the envelope's name
     RJSON_ERR_INVALID = -422, // the params do not fit the object description
 };
@@ -51,7 +51,8 @@ int rjson_process_kiv_message(const char* interface, const char* message);
 
 // Dispatches a JSON request of the interface: the handler's status, or a negative rjson_status.
 // result receives the handler's result text; when the call failed and the handler wrote none, it
-// receives the reason of the failure instead.
+// receives the reason of the failure instead (a handler that gave none is named as the refuser).
+// Either text is cut to fit result_size on a character boundary: it is well-formed UTF-8.
 int rjson_process_kiv_method(const char* interface, const char* request, char* result,
                              uint32_t result_size);
 

@@ -276,6 +276,15 @@ class Lab:
         if not line.startswith("unix:"):
             raise RuntimeError("dbus-daemon did not start")
 
+    def restart_bus(self, while_down=lambda: None):
+        """Ends the lab's dbus-daemon by its PID, runs while_down, then starts a new one on the same
+        socket path; returns what while_down returned."""
+        self._bus.terminate()
+        self._bus.wait(timeout=10)
+        result = while_down()
+        self._start_bus()
+        return result
+
     # ---- use ------------------------------------------------------------------------------
 
     def env(self, extra=None):

@@ -3,7 +3,7 @@ kiv_cli for the CLI; effects checked through DNS answers, the CLI views and the 
 
 import re
 
-from lab import GW_LAN_V4, WAN_V4
+from lab import BUS_NAME, GW_LAN_V4, WAN_V4, run
 
 UP1, UP2 = WAN_V4[0], WAN_V4[1]
 SERVER_TRACES = "debug_mode=0\n"  # masks set per test with the CLI
@@ -93,6 +93,23 @@ def test_lock_net_toggles_by_signal_and_method(lab):
     assert answers(lab.query("www.example.test")) == [("A", GW_LAN_V4)]
     assert lab.bus_call("ToggleLockNet", "u", "0") == (0, "u 0")
     assert answers(lab.query("www.example.test")) == [("A", "203.0.113.7")]
+
+
+def test_the_control_plane_comes_back_on_a_restarted_bus(lab):
+    lab.write("/etc/flipla.conf", "EnableD2AFeature=1\n")
+    lab.write("/etc/dns_d2a.conf", "192.0.2.80 printer.home\n")
+    d = lab.start_dnsproxy()
+    assert answers(lab.restart_bus(lambda: lab.query("printer.home"))) == [("A", "192.0.2.80")]
+    d.wait_ready()
+    owner = run(["busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                 "org.freedesktop.DBus", "GetConnectionUnixProcessID", "s", BUS_NAME], env=lab.env())
+    assert owner.stdout.strip() == f"u {d.pid}"
+    assert lab.bus_call("ToggleLockNet", "u", "0") == (0, "u 0")
+    lab.write("/etc/dns_d2a.conf", "192.0.2.81 scanner.home\n")
+    lab.bus_signal("dpLoadD2Acache")
+    assert answers(lab.query("scanner.home")) == [("A", "192.0.2.81")]
+    assert re.search(r"ombus: the bus connection was lost\n(.|\n)*"
+                     rf"ombus: reconnected to the bus \(try \d+\): {BUS_NAME} served again\n", d.stderr())
 
 
 def lease_update(action, addr, vci, size=132):

@@ -40,13 +40,20 @@ def test_json_requests_reply_status_and_text(bus_lab):
     out = call(bus_lab, f"{JSON_API}.kiv_sync_invoke", f"string:{request}")
     assert out.splitlines()[1:] == ["   uint32 3", '   string "2=1 5="eth1" 1=0 "']
 
-    out = call(bus_lab, f"{JSON_API}.kiv_sync_invoke",
-               'string:{"name": "dp_api_cfg_dnsproxy_feature", "params": {"dnsproxy.features": {"edns": "1"}}}')
-    assert out.splitlines()[1:] == [f"   uint32 {2**32 - 422}", '   string "dnsproxy.features.edns takes a number"']
-    out = call(bus_lab, f"{JSON_API}.kiv_sync_invoke", "string:{not json")
-    assert out.splitlines()[1:] == [f"   uint32 {2**32 - 400}", '   string "malformed JSON"']
-    out = call(bus_lab, f"{JSON_API}.kiv_sync_invoke", 'string:{"name": "nothing"}')
-    assert out.splitlines()[1].strip() == f"uint32 {2**32 - 404}"
+    # Every refusal replies its status and why; a reason naming a long text is cut to fit, on a
+    # character boundary, so that the reply stays a valid D-Bus text.
+    long_name = "é" * 200
+    for request, status, reason in [
+        ('{"name": "dp_api_cfg_dnsproxy_feature", "params": {"dnsproxy.features": {"edns": "1"}}}',
+         -422, "dnsproxy.features.edns takes a number"),
+        ("{not json", -400, "malformed JSON"),
+        ('{"name": "nothing"}', -404, f"no method nothing on {JSON_API}"),
+        (f'{{"name": "{long_name}"}}', -404, "no method " + "é" * 122),
+        (f'{{"name": "{long_name}", "params": 1}}', -400, '"params" of ' + "é" * 121),
+        ('{"name": "dp_api_cfg_dnsproxy_feature\\u0000"}', -400, 'the "name" holds a NUL character'),
+    ]:
+        out = call(bus_lab, f"{JSON_API}.kiv_sync_invoke", f"string:{request}")
+        assert out.splitlines()[1:] == [f"   uint32 {2**32 + status}", f'   string "{reason}"'], request
     stop_peer(p)
 
 

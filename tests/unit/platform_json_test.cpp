@@ -167,6 +167,7 @@ TEST_F(JsonService, EnvelopesAreCheckedBeforeAnyHandler) {
         R"({"name": "parse"} x)",
         R"({"name": "parse", "params": 3})",
         R"({"name": "parse",})",
+        R"({"name": "parse\u0000x"})", // not to be taken for "parse"
     };
     for (const char* text : malformed) {
         EXPECT_EQ(rjson_process_kiv_method(kApi, text, result_, sizeof result_), RJSON_ERR_SYNTAX)
@@ -234,6 +235,16 @@ TEST_F(JsonService, SyncInvokeRunsTheApiInterfaceHandler) {
                                    sizeof small),
               0);
     EXPECT_STREQ(small, "0 i");
+    // A refusal always has a reason, cut on a character boundary when it is long.
+    const rjson_json_method quiet[] = {
+        {"quiet", [](const json_object*, char*, uint32_t) { return -7; }}};
+    ASSERT_EQ(rjson_add_json_methods(kApi, quiet, 1), RJSON_OK);
+    EXPECT_EQ(rcsd_kiv_sync_invoke(R"({"name":"quiet"})", result_, sizeof result_), -7);
+    EXPECT_STREQ(result_, "quiet refused the request");
+    char cut[12];
+    EXPECT_EQ(rcsd_kiv_sync_invoke("{\"name\":\"\xC3\xA9\xC3\xA9\"}", cut, sizeof cut),
+              RJSON_ERR_NAME);
+    EXPECT_STREQ(cut, "no method ");
 }
 
 TEST_F(JsonService, DumpListsEveryRegisteredName) {

@@ -3,6 +3,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -160,6 +161,29 @@ TEST(Kutl, WordAndPairLookUps) {
     const kutl_int_pair pairs[] = {{1, 10}, {2, 20}};
     EXPECT_EQ(kutl_get_int_by_int(pairs, 2, 2, -1), 20);
     EXPECT_EQ(kutl_get_int_by_int(pairs, 2, 3, -1), -1);
+}
+
+TEST(Kutl, Utf8FixCutsWholeCharactersAndMarksOtherBytes) {
+    struct row {
+        const char* in;
+        size_t size; // of the buffer the text is in
+        const char* out;
+    };
+    const row rows[] = {
+        {"a\xC3\xA9z", 8, "a\xC3\xA9z"},
+        {"a\xC3\xA9z", 3, "a"},           // the buffer ends inside the character
+        {"ab\xE2\x82", 8, "ab"},          // the text does
+        {"\xF0\x9F\x98\x80", 4, ""},      // four bytes, three in the buffer
+        {"a\xFFg\xC0\x80h", 8, "a?g??h"}, // no lead byte, an overlong form
+        {"\xED\xA0\x80x", 8, "???x"},     // a surrogate
+        {"\xF4\x90\x80\x80", 8, "????"},  // above U+10FFFF
+    };
+    for (const auto& r : rows) {
+        char buf[8] = {};
+        std::memcpy(buf, r.in, std::min(std::strlen(r.in), r.size));
+        EXPECT_EQ(kutl_utf8_fix(buf, r.size), std::strlen(r.out)) << r.out;
+        EXPECT_STREQ(buf, r.out);
+    }
 }
 
 } // namespace
