@@ -10,6 +10,7 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_cliout.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
 #include "main/dpxy.h"
@@ -135,6 +136,23 @@ void restore_own_output() {
     std::fflush(stderr);
     if (saved_stdout >= 0) dup2(saved_stdout, STDOUT_FILENO);
     if (saved_stderr >= 0) dup2(saved_stderr, STDERR_FILENO);
+    // A spool refuses writes past its limit; those failures belong to the command's output.
+    std::clearerr(stdout);
+    std::clearerr(stderr);
+}
+
+void point_output_at(int fd) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    dup2(fd, STDOUT_FILENO);
+    dup2(fd, STDERR_FILENO);
+}
+
+void run_command(const char* cmd) {
+    if (kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd) != 0)
+        print_help();
+    std::fflush(stdout);
+    std::fflush(stderr);
 }
 
 } // namespace
@@ -145,16 +163,29 @@ void dp_cli_init() {
 }
 
 int dp_cli_process(const char* tty_name, const char* cmd) {
-    // 1. 2. the operator's terminal
-    bool moved = false;
-    if (tty_name != nullptr && tty_name[0] != '\0') moved = kutl_redirect_printf(tty_name) >= 0;
-    // 3. the command, or the help text
-    if (kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd) != 0)
-        print_help();
-    // 4. back to the daemon's own output, unless the command was to move it
-    if (moved && std::strncmp(cmd, kRedirectPrefix, sizeof kRedirectPrefix - 1) != 0)
-        restore_own_output();
-    std::fflush(stdout);
-    std::fflush(stderr);
+    const bool to_operator = tty_name != nullptr && tty_name[0] != '\0';
+    // "redirect printf" moves output for good: straight to the operator's terminal (opened
+    // non-blocking), where it stays unless the command moves it on.
+    if (to_operator && std::strncmp(cmd, kRedirectPrefix, sizeof kRedirectPrefix - 1) == 0) {
+        kutl_redirect_printf(tty_name);
+        run_command(cmd);
+        return 0;
+    }
+    // Any other command prints into a spool, which then goes to the operator's terminal without
+    // the loop ever waiting for it. A terminal that cannot be opened leaves output where it is.
+    const int out = to_operator ? open(tty_name, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC) : -1;
+    if (out < 0) {
+        run_command(cmd);
+        return 0;
+    }
+    const int spool = dp_cliout_spool();
+    point_output_at(spool >= 0 ? spool : out); // no spool: what the terminal takes at once
+    run_command(cmd);
+    restore_own_output();
+    if (spool < 0) {
+        close(out);
+        return 0;
+    }
+    dp_cliout_send(out, spool);
     return 0;
 }

@@ -46,6 +46,10 @@ void dpxy_apply_input_parms(const dpxy_input_parms* parms);
 void dpxy_read_client_interface();
 const dpxy_client_itf& dpxy_get_client_itf();
 
+// Opens /dev/null on each of descriptors 0, 1 and 2 that is closed, so that no file or socket
+// opened later takes one of them (output and its restores after a CLI command go to 1 and 2).
+void dpxy_open_std_descriptors();
+
 // Writes the PID file; 0, or -1 when it cannot be opened.
 int save_pid();
 // Puts back what the PID file held before save_pid, for a process that turned out to be a second

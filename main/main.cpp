@@ -24,6 +24,8 @@ constexpr const char* kJsonMsgItf = "orvik.kiv.dnsproxy.itf.json.msg";
 } // namespace
 
 int main(int argc, char** argv) {
+    // Descriptors 0-2 closed at start would be taken by the first files and sockets opened.
+    dpxy_open_std_descriptors();
     // 1. start line
     std::fprintf(stderr, "\ndnsproxy is started with pid=%d\n", static_cast<int>(getpid()));
     // 2. trace masks and log configuration; the output the CLI returns to after each command

@@ -246,11 +246,10 @@ int kutl_get_int_by_int(const kutl_int_pair* table, int rows, int key, int dflt)
 
 int kutl_redirect_printf(const char* path) {
     if (path == nullptr || path[0] == '\0') return -1;
-    // Non-blocking open: a FIFO without a reader fails at once instead of hanging the caller.
+    // Non-blocking, and kept so: a FIFO without a reader fails at once instead of hanging the
+    // caller, and a terminal that stops reading costs output, never the caller's time.
     const int fd = open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return -1;
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     std::fflush(stdout);
     std::fflush(stderr);
     const bool ok = dup2(fd, STDOUT_FILENO) >= 0 && dup2(fd, STDERR_FILENO) >= 0;

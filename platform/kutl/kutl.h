@@ -50,7 +50,8 @@ int kutl_get_int_by_int(const kutl_int_pair* table, int rows, int key, int dflt)
 // no well-formed character becomes '?'. Returns the text's length.
 size_t kutl_utf8_fix(char* buf, size_t size);
 
-// Reopens standard output and standard error on path (a terminal, a FIFO or a file).
+// Reopens standard output and standard error on path (a terminal, a FIFO or a file), non-blocking:
+// what the path does not take at once is dropped, so a stalled terminal never stalls the caller.
 // 0 on success; -1 when the path cannot be opened, and output stays where it was.
 int kutl_redirect_printf(const char* path);
 

@@ -21,6 +21,7 @@ namespace {
 struct socket_reg {
     int fd;
     ombusPollingSocketCallback callback;
+    short events;
 };
 
 struct timeout_reg {
@@ -629,7 +630,7 @@ int next_wait_ms(int64_t now) {
 size_t build_poll_set() {
     loop.pfds.clear();
     for (const auto& s : loop.sockets)
-        loop.pfds.push_back({s.fd, POLLIN, 0});
+        loop.pfds.push_back({s.fd, s.events, 0});
     const size_t nsockets = loop.pfds.size();
     for (DBusWatch* w : loop.watches) {
         if (dbus_watch_get_enabled(w))
@@ -711,7 +712,7 @@ int ombusRegisterPollingSocket(int fd, ombusPollingSocketCallback callback, int,
             return set_status(OMBUS_OK);
         }
     }
-    loop.sockets.push_back({fd, callback});
+    loop.sockets.push_back({fd, callback, POLLIN});
     loop.pfds.reserve(loop.sockets.size() + 8);
     return set_status(OMBUS_OK);
 }
@@ -721,10 +722,26 @@ int ombusUnregisterPollingSocket(int fd) {
     return set_status(OMBUS_OK);
 }
 
+int ombusSetPollingSocketEvents(int fd, short events) {
+    for (auto& s : loop.sockets) {
+        if (s.fd == fd) {
+            s.events = events;
+            return set_status(OMBUS_OK);
+        }
+    }
+    return set_status(OMBUS_ERR_ARGUMENT);
+}
+
 int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback callback, int,
                                        int) {
     if (callback == nullptr || period_ms == 0) return set_status(OMBUS_ERR_ARGUMENT);
     loop.timeouts.push_back({period_ms, callback, now_ms() + period_ms});
+    return set_status(OMBUS_OK);
+}
+
+int ombusUnregisterPollingTimeOutHandler(ombusPollingCallback callback) {
+    std::erase_if(loop.timeouts,
+                  [callback](const timeout_reg& t) { return t.callback == callback; });
     return set_status(OMBUS_OK);
 }
 

@@ -40,12 +40,19 @@ using ombusPollingSocketCallback = int (*)(struct pollfd* entry);
 // Time-out handlers and event observers take no argument.
 using ombusPollingCallback = int (*)();
 
-// Serves fd in the loop; the callback runs when poll() reports events on it.
+// Serves fd in the loop; the callback runs when poll() reports events on it. A socket is
+// registered for POLLIN.
 int ombusRegisterPollingSocket(int fd, ombusPollingSocketCallback callback, int arg3, int arg4);
 int ombusUnregisterPollingSocket(int fd);
+// The events poll() waits for on a registered socket: POLLOUT for a writer that waits for room,
+// 0 to pause it. Errors and hang-ups are reported whatever the events. OMBUS_ERR_ARGUMENT for a
+// descriptor that is not registered.
+int ombusSetPollingSocketEvents(int fd, short events);
 // Calls the handler every period_ms milliseconds.
 int ombusRegisterPollingTimeOutHandler(uint32_t period_ms, ombusPollingCallback callback, int arg3,
                                        int arg4);
+// Stops calling the handler; it may unregister itself while it runs.
+int ombusUnregisterPollingTimeOutHandler(ombusPollingCallback callback);
 // Calls the observer after every loop iteration that handled at least one event.
 int ombusRegisterPollingEventObserver(ombusPollingCallback callback, int arg2, int arg3);
 

@@ -7,6 +7,7 @@
 //
 // SIGTERM ends the loop; the peer then removes its match rules, drops every registration and
 // exits 0, so that the sanitizers see a clean shutdown.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -167,6 +168,8 @@ int msg_cli_cmd(const json_object* params) {
     std::fflush(stdout);
     if (tty == nullptr || cmd == nullptr) return 0;
     const bool moved = kutl_redirect_printf(tty) >= 0;
+    // The peer waits for kiv_cli, so that a view longer than a pipe tests kiv_cli's copying.
+    if (moved) fcntl(STDOUT_FILENO, F_SETFL, fcntl(STDOUT_FILENO, F_GETFL) & ~O_NONBLOCK);
     if (kutl_process_cli_cmd(kCliTable, static_cast<int>(std::size(kCliTable)), cmd) != 0)
         std::fprintf(stderr, "\nkiv_cli dnsproxy view statistic\nkiv_cli dnsproxy echo <text>\n");
     if (moved) {
@@ -208,7 +211,8 @@ const ombusInterestedSignal kSignals[] = {
 };
 
 void match_rule(const ombusInterestedSignal& row, char* out, size_t size) {
-    std::snprintf(out, size, "type='signal',interface='%.63s',member='%.63s'", row.interface, row.member);
+    std::snprintf(out, size, "type='signal',interface='%.63s',member='%.63s'", row.interface,
+                  row.member);
 }
 
 int subscribed_rows(bool with_cli) {

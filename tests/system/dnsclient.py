@@ -4,8 +4,10 @@
     dnsclient.py --server 192.0.2.1 --name www.lab.example --type A [--id 4660] [--edns 1232]
     dnsclient.py --server 192.0.2.1 --wire <hex>          send these bytes as they are
     dnsclient.py --server 192.0.2.1 --burst 1036 --name x  send that many queries, no waiting
+    dnsclient.py --server 192.0.2.1 --steady 160 --name x  that many, one every --pace seconds,
+                                                          each waiting for its answer
 
-Output: {"timeout": true} or {"id", "rcode", "flags", "answer": [[name, ttl, type, rdata]...],
+Output: {"sent", "answered", "max_ms"} for --steady; {"timeout": true} or {"id", "rcode", "flags", "answer": [[name, ttl, type, rdata]...],
 "additional": [...], "opt": {...} or null, "wire": hex}.
 """
 import argparse
@@ -39,6 +41,24 @@ def describe(wire):
     return out
 
 
+def steady(sock, wire, args):
+    answered, worst, start = 0, 0.0, time.monotonic()
+    for i in range(args.steady):
+        time.sleep(max(0.0, start + i * args.pace - time.monotonic()))
+        qid = bytes([(i >> 8) & 0xFF, i & 0xFF])
+        sent = time.monotonic()
+        sock.sendto(qid + wire[2:], (args.server, args.port))
+        try:
+            while sock.recvfrom(65535)[0][:2] != qid:  # a late answer to an earlier query
+                pass
+        except socket.timeout:
+            continue
+        answered += 1
+        worst = max(worst, time.monotonic() - sent)
+    print(json.dumps({"sent": args.steady, "answered": answered, "max_ms": round(worst * 1000, 1)}))
+    return 0
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("--server", required=True)
@@ -49,7 +69,9 @@ def main():
     p.add_argument("--edns", type=int, help="add an OPT record with this payload size")
     p.add_argument("--wire")
     p.add_argument("--burst", type=int, default=0)
-    p.add_argument("--pace", type=float, default=0.0, help="seconds to pause after every 50 of a burst")
+    p.add_argument("--steady", type=int, default=0)
+    p.add_argument("--pace", type=float, default=0.0, help="seconds to pause after every 50 of a burst, "
+                   "or between steady queries")
     p.add_argument("--timeout", type=float, default=2.0)
     args = p.parse_args()
 
@@ -71,6 +93,8 @@ def main():
                 time.sleep(args.pace)
         print(json.dumps({"sent": args.burst}))
         return 0
+    if args.steady:
+        return steady(sock, wire, args)
     sock.sendto(wire, (args.server, args.port))
     try:
         data, _ = sock.recvfrom(65535)

@@ -401,10 +401,13 @@ class Lab:
                 env=self.env())
         return r.returncode, (r.stdout if r.returncode == 0 else r.stderr).strip()
 
+    @staticmethod
+    def kiv_cli_argv(*words):
+        return [os.path.join(os.environ.get("DNSPROXY_BUILD_DIR", str(REPO / "build")), "kiv_cli"), "dnsproxy", *words]
+
     def kiv_cli(self, *words, timeout=20):
         """kiv_cli dnsproxy <words>: (exit status, standard output, standard error)."""
-        binary = os.path.join(os.environ.get("DNSPROXY_BUILD_DIR", str(REPO / "build")), "kiv_cli")
-        r = run([binary, "dnsproxy", *words], check=False, env=self.env(), timeout=timeout)
+        r = run(self.kiv_cli_argv(*words), check=False, env=self.env(), timeout=timeout)
         return r.returncode, r.stdout, r.stderr
 
     def bus_ping(self):

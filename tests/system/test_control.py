@@ -2,6 +2,9 @@
 kiv_cli for the CLI; effects checked through DNS answers, the CLI views and the traces."""
 
 import re
+import subprocess
+import time
+from concurrent.futures import ThreadPoolExecutor
 
 from lab import BUS_NAME, GW_LAN_V4, WAN_V4, run
 
@@ -228,6 +231,25 @@ def test_redirect_printf_leaves_output_where_it_put_it(lab):
     lab.query("www.example.test", timeout=1)
     assert "name=www.example.test" in d.stderr()
     assert "name=www.example.test" not in target.read_text()
+
+
+def test_cli_readers_that_stop_reading_never_stall_dns(lab):
+    lab.write("/etc/dns_d2a.conf", "".join(f"192.0.2.{i % 200 + 20} host{i}.home\n" for i in range(10000)))
+    lab.start_dnsproxy("-f", "1")
+    with ThreadPoolExecutor() as pool:
+        client = pool.submit(lab.query, "host7.home", steady=180, pace=0.05, timeout=1)  # 9 s
+        time.sleep(0.5)
+        piped = subprocess.Popen(["sh", "-c", " ".join(lab.kiv_cli_argv("view", "cache")) + " | sleep 8"],
+                                 env=lab.env())
+        # This reader takes nothing for longer than the daemon waits, then reads to the end.
+        paused = subprocess.Popen(lab.kiv_cli_argv("view", "cache"), env=lab.env(), stdout=subprocess.PIPE)
+        time.sleep(9)
+        out = paused.stdout.read().decode()
+        assert out.startswith("\nDNS Cache(currtime=") and "name=host0.home " not in out
+        assert out.endswith("\n[dnsproxy: output cut: the terminal took nothing for 5 seconds]\n")
+        assert paused.wait(timeout=10) == 0 and piped.wait(timeout=10) == 0
+        steady = client.result()
+    assert (steady["answered"], steady["max_ms"] < 100) == (180, True), steady
 
 
 def test_kiv_cli_without_a_daemon_fails_clearly(lab):

@@ -1,5 +1,6 @@
 """Start-up, PID file, options, signals and the log configuration of the running daemon."""
 
+import os
 import re
 import signal
 import subprocess
@@ -39,6 +40,15 @@ def test_pid_file_and_termination_by_signal(lab, signo):
     assert re.search(rf"DPMAIN handle_signal:\d+ signo={int(signo)}\n", log)
     assert log.endswith(f"\ndnsproxy preexit with pid={d.pid}\n")
     assert lab.read("/etc/dnsproxy_pid") == str(d.pid)  # left in place
+
+
+def test_started_with_descriptors_0_to_2_closed(lab):
+    lab.write("/etc/dns_d2a.conf", "192.0.2.80 printer.home\n")
+    d = lab.start_dnsproxy("-c", f"exec {dnsproxy_binary()} -f 1 0<&- 1>&- 2>&-", binary="sh")
+    assert [os.readlink(f"/proc/{d.pid}/fd/{fd}") for fd in range(3)] == ["/dev/null"] * 3
+    rc, out, _ = lab.kiv_cli("view", "statistic")
+    assert rc == 0 and out.startswith("\nDNS statistic\n")
+    assert [a[3] for a in lab.query("printer.home")["answer"]] == ["192.0.2.80"]
 
 
 def test_print_configuration_and_keep_running(lab):

@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <cstring>
 #include <regex>
 #include <string>
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_cliout.h"
 #include "ctrl/dp_trace.h"
 #include "endec/dpendec.h"
+#include "platform/ombus/ombus.h"
 #include "platform/rgw_impl/rgw_impl.h"
 #include "server/dpsvr.h"
 #include "test_support.h"
@@ -254,6 +258,64 @@ TEST(RedirectPrintf, MovesBothStreamsAndReportsFailures) {
     EXPECT_EQ(root.read("/out.txt"),
               "redirecting stdout and stderr to " + target +
                   "\nto stdout\n/nonexistent/dir/tty is invalid to redirect\n");
+}
+
+std::string read_to_end(int fd) {
+    std::string got;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        got.append(buf, static_cast<size_t>(n));
+    EXPECT_EQ(n, 0); // the end, not a pipe still open
+    return got;
+}
+
+TEST(CliOutput, TheSpoolIsBoundedAndALongOutputIsCut) {
+    TempRoot root;
+    root.write("/out.txt", "");
+    const int spool = dp_cliout_spool();
+    ASSERT_GE(spool, 0);
+    const std::string chunk(4096, 'x');
+    size_t accepted = 0;
+    for (size_t n = 0; n < 2 * DP_CLIOUT_MAX_BYTES; n += chunk.size())
+        accepted += static_cast<size_t>(std::max<ssize_t>(0, write(spool, chunk.data(), 4096)));
+    EXPECT_LT(accepted, 2 * DP_CLIOUT_MAX_BYTES);
+    dp_cliout_send(open((root.dir() + "/out.txt").c_str(), O_WRONLY | O_NONBLOCK), spool);
+    EXPECT_EQ(dp_cliout_waiting(), 0);
+    EXPECT_EQ(root.read("/out.txt"), std::string(DP_CLIOUT_MAX_BYTES, 'x') + DP_CLIOUT_CUT_SIZE);
+}
+
+int quit_when_idle() {
+    if (dp_cliout_waiting() == 0) ombusQuitMainLoop();
+    return 0;
+}
+
+TEST(CliOutput, OneOutputTooManyCutsTheOldestAndGoneReadersEndTheirs) {
+    signal(SIGPIPE, SIG_IGN);
+    ombusReset();
+    const std::string text(200000, 'y');
+    int readers[DP_CLIOUT_MAX_WAITING + 1];
+    for (int& r : readers) {
+        int p[2];
+        ASSERT_EQ(pipe2(p, O_NONBLOCK), 0);
+        const int spool = dp_cliout_spool();
+        ASSERT_EQ(write(spool, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        if (&r == &readers[DP_CLIOUT_MAX_WAITING]) {
+            // Room for the cut line of the output that the last one pushes out.
+            char page[4096];
+            ASSERT_EQ(read(readers[0], page, sizeof page), 4096);
+        }
+        dp_cliout_send(p[1], spool);
+        r = p[0];
+    }
+    EXPECT_EQ(dp_cliout_waiting(), DP_CLIOUT_MAX_WAITING);
+    EXPECT_EQ(read_to_end(readers[0]), text.substr(4096, 65536 - 4096) + DP_CLIOUT_CUT_CROWD);
+    for (int r : readers)
+        close(r);
+    ombusRegisterPollingTimeOutHandler(10, quit_when_idle, 0, 0);
+    ombusMainLoop();
+    EXPECT_EQ(dp_cliout_waiting(), 0);
+    ombusReset();
 }
 
 } // namespace
