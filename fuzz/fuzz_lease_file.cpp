@@ -29,7 +29,8 @@ long expected_header(const uint8_t* data, size_t size) {
     if (strnlen(reinterpret_cast<const char*>(data), 16) != 14 ||
         std::memcmp(data, "[LeaseFile_v2]", 14) != 0)
         return -3;
-    if (rec_size < DPSVR_LEASE_RECORD_MIN || rec_size > DPSVR_LEASE_RECORD_MAX) return -3;
+    if (rec_size < DPSVR_LEASE_RECORD_MIN) return -3;
+    if (rec_size > DPSVR_LEASE_RECORD_ANY && size - 20 < rec_size) return -3;
     return rec_size;
 }
 

@@ -182,10 +182,12 @@ struct dpsvr_lease_record {
 static_assert(sizeof(dpsvr_lease_record) == 128, "the lease record layout is fixed");
 
 // The lease file's record size, from its header: at least the fields above up to a short vendor
-// class; at most a bound that no real record comes near, so a broken header cannot make the
-// daemon allocate whatever it claims. Sizes outside are refused as an invalid header.
+// class. Any larger size is taken up to DPSVR_LEASE_RECORD_ANY (so a file of the header alone
+// stays a valid, empty lease file); beyond it only when the file holds at least one whole record
+// of that size, so a broken header cannot make the daemon allocate whatever it claims. Other
+// sizes are refused as an invalid header.
 inline constexpr uint32_t DPSVR_LEASE_RECORD_MIN = 112;
-inline constexpr uint32_t DPSVR_LEASE_RECORD_MAX = 4096;
+inline constexpr uint32_t DPSVR_LEASE_RECORD_ANY = 4096;
 
 // Union of the service bits named in the text; 0 when it names none.
 uint16_t dpsvr_get_service_mask_by_name(const char* service);

@@ -3,6 +3,8 @@
 // the lease table belongs to dpsvr_classify.cpp and is filled through dpsvr_add_src_lease.
 #include <arpa/inet.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -198,7 +200,11 @@ int read_lease_header(FILE* f, lease_file_header* h) {
     if (got != sizeof raw) return 2;
     if (strnlen(h->text, 16) != kLeaseFileTagLen || std::strcmp(h->text, kLeaseFileTag) != 0)
         return 3;
-    if (h->size < DPSVR_LEASE_RECORD_MIN || h->size > DPSVR_LEASE_RECORD_MAX) return 3;
+    if (h->size < DPSVR_LEASE_RECORD_MIN) return 3;
+    struct stat st;
+    const bool held = fstat(fileno(f), &st) == 0 && st.st_size >= 20 &&
+                      static_cast<uint64_t>(st.st_size) - 20 >= h->size;
+    if (h->size > DPSVR_LEASE_RECORD_ANY && !held) return 3;
     return 0;
 }
 

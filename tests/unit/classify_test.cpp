@@ -222,7 +222,7 @@ TEST_F(Classify, LeaseFileHeaderIsChecked) {
         {lease_header("[LeaseFile_v2]x", 128) + rec, -3, "header string [LeaseFile_v2]x,"},
         {lease_header("[LeaseFile_v2]", 111) + rec, -3,
          "error 3, header string [LeaseFile_v2], lease size 111."},
-        {lease_header("[LeaseFile_v2]", 4097) + rec, -3, "lease size 4097."},
+        {lease_header("[LeaseFile_v2]", 4097) + rec, -3, "lease size 4097."}, // not held
         {lease_header("[LeaseFile_v2]", 0xFFFFFFFF) + rec, -3, "lease size -1."},
         {std::string(16, 'A') + rec, -3, "header string AAAAAAAAAAAAAAAA, lease size"},
     };
@@ -253,6 +253,7 @@ TEST_F(Classify, LeaseFileRecords) {
         {128, '\0', "192.0.2.21", long_vci},
         {112, '\0', "192.0.2.22", long_vci}, // a short record ends the text at its own end
         {400, 'x', "192.0.2.23", "PHONE"},
+        {5000, 'x', "192.0.2.24", "PHONE"}, // above 4096: taken because the file holds it
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
@@ -266,6 +267,11 @@ TEST_F(Classify, LeaseFileRecords) {
         ASSERT_NE(l, nullptr);
         EXPECT_EQ(std::string(l->vci), c.size < 128 ? c.vci.substr(0, 52) : c.vci);
     }
+    // The header alone is an empty lease file, not a broken one.
+    root.write(kLeaseFile, lease_header("[LeaseFile_v2]", 128));
+    StderrCapture err;
+    EXPECT_EQ(dpsvr_load_lease_file(), 0);
+    EXPECT_EQ(err.text(), "");
     std::filesystem::remove(path(kLeaseFile));
     EXPECT_EQ(dpsvr_load_lease_file(), 0);
     EXPECT_EQ(dpsvr_src_lease_count(), 0u);
