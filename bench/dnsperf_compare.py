@@ -5,14 +5,25 @@
   local    answers from the proxy's own table (a D2A entry; dnsmasq --address)
 
 Prints queries per second, average latency and peak RSS of both, and their ratios
-(dnsproxy / dnsmasq). With --instructions it also runs each daemon under callgrind for a fixed
-number of queries and prints the user-space instructions per query: a count that does not
-depend on what else the machine is doing, unlike the timings. Usage, as root, after building
+(dnsproxy / dnsmasq). A third role, not run unless asked for with --roles:
+
+  edns     dnsproxy alone with the client-MAC option on (-f 80), answering the D2A entry to the
+           lan client over IPv4 and then over IPv6; prints the IPv6 / IPv4 ratio. Local answers
+           leave the MAC look-up (ARP table for IPv4, neighbour table for IPv6) as the only
+           difference between the two families. Also prints the daemon's CPU time (user and
+           system) per answered query of each family, which other load on the machine moves
+           far less than the rates.
+
+With --instructions it also runs each daemon under callgrind for a fixed number of queries and
+prints the user-space instructions per query: a count that does not depend on what else the
+machine is doing, unlike the timings. Usage, as root, after building
 build/dnsproxy (release build):
 
     bench/dnsperf_compare.py [--seconds 10] [--clients 4] [--outstanding 100] [--instructions]
+                             [--roles forward,local,edns] [--neighbours N]
 """
 import argparse
+import os
 import re
 import subprocess
 import sys
@@ -23,7 +34,7 @@ from pathlib import Path
 REPO = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPO / "tests" / "system"))
 
-from lab import GW_LAN_V4, KNOT_ADDR, Lab, dnsproxy_binary  # noqa: E402
+from lab import GW_LAN_V4, GW_LAN_V6, KNOT_ADDR, Lab, dnsproxy_binary  # noqa: E402
 
 FORWARD_NAMES = ["www.lab.example A", "mail.lab.example A", "cdn.lab.example A", "www.lab.example AAAA",
                  "lab.example MX", "ns.lab.example A"]
@@ -37,17 +48,24 @@ def rss_peak_kib(pid):
     return 0
 
 
-def run_dnsperf(lab, names, seconds, clients, outstanding):
+def run_dnsperf(lab, names, seconds, clients, outstanding, server=GW_LAN_V4):
     qfile = lab.dir / "queries.txt"
     qfile.write_text("\n".join(names) + "\n")
-    r = subprocess.run(lab.exec_argv("lan", ["dnsperf", "-s", GW_LAN_V4, "-d", str(qfile), "-l", str(seconds),
+    r = subprocess.run(lab.exec_argv("lan", ["dnsperf", "-s", server, "-d", str(qfile), "-l", str(seconds),
                                              "-c", str(clients), "-q", str(outstanding), "-t", "2"]),
                        capture_output=True, text=True, timeout=seconds + 60)
     out = r.stdout
     qps = float(re.search(r"Queries per second:\s+([\d.]+)", out).group(1))
     lat = float(re.search(r"Average Latency \(s\):\s+([\d.]+)", out).group(1))
     lost = int(re.search(r"Queries lost:\s+(\d+)", out).group(1))
-    return {"qps": qps, "latency_ms": lat * 1000, "lost": lost}
+    done = int(re.search(r"Queries completed:\s+(\d+)", out).group(1))
+    return {"qps": qps, "latency_ms": lat * 1000, "lost": lost, "completed": done}
+
+
+def cpu_seconds(pid):
+    """User and system time of a process; system time includes the kernel's work in its calls."""
+    fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def configure_dnsproxy(lab):
@@ -65,10 +83,11 @@ def dnsmasq_argv(lab, role):
     return argv
 
 
-def wait_answering(lab, role, timeout=60):
+def wait_answering(lab, role, timeout=60, server=GW_LAN_V4):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
-        if not lab.query("printer.home" if role == "local" else "www.lab.example", timeout=0.5).get("timeout"):
+        name = "www.lab.example" if role == "forward" else "printer.home"
+        if not lab.query(name, server=server, timeout=0.5).get("timeout"):
             return
     raise RuntimeError("the daemon under test does not answer")
 
@@ -112,6 +131,27 @@ def bench_dnsproxy(lab, role, args):
     return res
 
 
+def bench_edns(lab, args):
+    """The same daemon and D2A name over both families; the answer to the warm-up query makes
+    the gateway learn the client's MAC address before dnsperf starts."""
+    for i in range(args.neighbours):  # other LAN hosts, so that the neighbour table is not tiny
+        subprocess.run(lab.exec_argv("gw", ["ip", "-6", "neigh", "add", f"2001:db8:1::1:{i:x}", "lladdr",
+                                            f"02:00:5e:00:{i >> 8:02x}:{i & 255:02x}", "dev", "br0", "nud",
+                                            "stale"]), check=True)
+    configure_dnsproxy(lab)
+    d = lab.start_dnsproxy("-f", "80")
+    results = {}
+    for family, server in (("IPv4", GW_LAN_V4), ("IPv6", GW_LAN_V6)):
+        wait_answering(lab, "edns", server=server)
+        cpu = cpu_seconds(d.pid)
+        r = run_dnsperf(lab, LOCAL_NAMES, args.seconds, args.clients, args.outstanding, server)
+        r["cpu_us"] = (cpu_seconds(d.pid) - cpu) * 1e6 / max(r["completed"], 1)
+        r["rss_kib"] = rss_peak_kib(d.pid)
+        results[("edns", family)] = r
+    d.stop()
+    return results
+
+
 def bench_dnsmasq(lab, role, args):
     proc = subprocess.Popen(lab.exec_argv("gw", dnsmasq_argv(lab, role)), stdout=subprocess.DEVNULL,
                             stderr=subprocess.DEVNULL)
@@ -132,12 +172,18 @@ def main():
     p.add_argument("--clients", type=int, default=4)
     p.add_argument("--outstanding", type=int, default=100)
     p.add_argument("--instructions", action="store_true", help="also count instructions per query (callgrind)")
+    p.add_argument("--roles", default="forward,local", help="comma-separated: forward, local, edns")
+    p.add_argument("--neighbours", type=int, default=0, help="extra IPv6 neighbour entries for the edns role")
     args = p.parse_args()
+    roles = args.roles.split(",")
     lab = Lab().up()
     results = {}
     try:
-        lab.start_knot()
-        for role in ("forward", "local"):
+        if "forward" in roles or "local" in roles:
+            lab.start_knot()
+        if "edns" in roles:
+            results.update(bench_edns(lab, args))
+        for role in [r for r in ("forward", "local") if r in roles]:
             results[(role, "dnsproxy")] = bench_dnsproxy(lab, role, args)
             results[(role, "dnsmasq")] = bench_dnsmasq(lab, role, args)
             if args.instructions:
@@ -147,11 +193,18 @@ def main():
     finally:
         lab.down()
     print(f"dnsperf {args.seconds} s, {args.clients} clients, {args.outstanding} outstanding; binary {dnsproxy_binary()}")
-    print(f"{'role':8} {'daemon':9} {'qps':>10} {'latency ms':>11} {'lost':>6} {'peak RSS KiB':>13}")
+    print(f"{'role':8} {'run':9} {'qps':>10} {'latency ms':>11} {'lost':>6} {'peak RSS KiB':>13}")
     for (role, daemon), r in results.items():
         print(f"{role:8} {daemon:9} {r['qps']:10.0f} {r['latency_ms']:11.3f} {r['lost']:6d} {r['rss_kib']:13d}")
-    print("ratios dnsproxy/dnsmasq (qps: higher is better; latency, RSS: lower is better)")
-    for role in ("forward", "local"):
+    if "edns" in roles:
+        v4, v6 = results[("edns", "IPv4")], results[("edns", "IPv6")]
+        print(f"edns     qps IPv6/IPv4 {v6['qps'] / v4['qps']:.2f}; daemon CPU per query {v4['cpu_us']:.2f} us "
+              f"IPv4, {v6['cpu_us']:.2f} us IPv6 ({v4['cpu_us'] / v6['cpu_us']:.2f}); "
+              f"{args.neighbours} extra neighbour entries")
+    compared = [r for r in ("forward", "local") if r in roles]
+    if compared:
+        print("ratios dnsproxy/dnsmasq (qps: higher is better; latency, RSS: lower is better)")
+    for role in compared:
         a, b = results[(role, "dnsproxy")], results[(role, "dnsmasq")]
         line = (f"{role:8} qps {a['qps'] / b['qps']:.2f}  latency {a['latency_ms'] / b['latency_ms']:.2f}  "
                 f"RSS {a['rss_kib'] / b['rss_kib']:.2f}")

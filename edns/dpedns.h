@@ -11,7 +11,9 @@
 // level pkt, errors at level detail.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "endec/dpendec.h"
 #include "io/dpio.h"
@@ -77,9 +79,22 @@ int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info);
 
 // The client's MAC address as text into mac (at least 18 bytes). IPv4 clients (kind 1, address
 // in the last 4 bytes) from the kernel's ARP table on "br0", upper case; IPv6 clients (kind 2)
-// from the neighbour table as "ip -6 n s" prints it (lower case). 0 found; -1 not found or not
-// complete. Any other kind returns 0 without writing.
+// from the kernel's neighbour table, asked over netlink, as "ip -6 neigh show" prints it (lower
+// case). 0 found; -1 not found or not complete. Any other kind returns 0 without writing.
 int dpedns_find_mac(const dp_peer_addr* client, char* mac);
+
+// What dpedns_neigh_next found in one datagram of a neighbour dump.
+inline constexpr int DPEDNS_NEIGH_DONE = 0;  // the end of the dump
+inline constexpr int DPEDNS_NEIGH_MATCH = 1; // an entry for the address; mac written
+inline constexpr int DPEDNS_NEIGH_MORE = 2;  // datagram used up, the dump goes on in the next
+
+// Walks one datagram of the kernel's answer to an IPv6 neighbour dump (RTM_GETNEIGH) from *pos
+// to the next entry for addr (16 bytes) that "ip -6 neigh show" lists with a 6-byte link-layer
+// address, and writes that address into mac (18 bytes) as the listing prints it
+// ("02:00:5e:ab:cd:10"). Messages of another sequence number than seq are passed over. One of
+// the results above, or -1 for an error answer or a message running past the datagram.
+int dpedns_neigh_next(std::span<const uint8_t> dgram, size_t* pos, uint32_t seq,
+                      const uint8_t* addr, char* mac);
 
 // Adds the client's MAC option to a query that dpedns_is_valid_edns_rr accepted. msg is the
 // query's 2048-byte buffer holding *len bytes, info its parsed view, backup an untouched copy of

@@ -62,6 +62,33 @@ def test_client_mac_from_arp_and_neighbour_tables(lab):
     assert out == f"ret=0 mac={CLIENT_MAC}\n"
 
 
+# Neighbour entries of one address each (device, link-layer address, state and flags), and
+# whether "ip -6 neigh show" lists a MAC for the address.
+NEIGHBOUR_CASES = [
+    ("2001:db8:1::a1", [("br0", "02:00:5e:00:00:a1", "permanent")], True),
+    ("2001:db8:1::a2", [("gw0", "02:00:5e:00:00:a2", "stale")], True),
+    ("2001:db8:1::a3", [("br0", "02:00:5e:00:00:a3", "failed")], False),
+    ("2001:db8:1::a4", [("br0", "02:00:5e:00:00:a4", "noarp")], False),
+    ("2001:db8:1::a5", [("br0", "02:00:5e:00:00:a5", "noarp extern_learn")], True),
+    ("2001:db8:1::a6", [("br0", "02:00:5e:00:00:a6", "stale"), ("gw0", "02:00:5e:00:00:b6", "permanent")], True),
+]
+
+
+def test_client_mac_from_the_neighbour_table_is_what_its_listing_shows(lab):
+    for addr, entries, _ in NEIGHBOUR_CASES:
+        for dev, lladdr, state in entries:
+            subprocess.run(lab.exec_argv("gw", ["ip", "-6", "neigh", "add", addr, "lladdr", lladdr, "dev", dev,
+                                                "nud", *state.split()]), check=True)
+    listing = subprocess.run(lab.exec_argv("gw", ["ip", "-6", "neigh", "show"]), capture_output=True, text=True,
+                             check=True).stdout
+    for addr, _, listed in NEIGHBOUR_CASES:
+        shown = [f[4] for f in map(str.split, listing.splitlines())
+                 if len(f) >= 5 and f[0] == addr and len(f[4]) == 17 and f[4].count(":") == 5]
+        assert bool(shown) == listed, listing
+        out, _, _ = tool(lab, "find_mac", addr)
+        assert out == (f"ret=0 mac={shown[-1]}\n" if shown else "ret=-1 mac=\n"), listing
+
+
 def test_incomplete_or_missing_arp_entry_gives_no_mac(lab):
     subprocess.run(lab.exec_argv("gw", ["ip", "neigh", "add", "192.0.2.99", "dev", "br0", "nud", "incomplete"]),
                    check=True)

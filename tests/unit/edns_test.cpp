@@ -1,5 +1,7 @@
 // OPT record checks, the payload rules and the client-MAC option on real messages.
 #include <gtest/gtest.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
 
 #include <cstring>
 #include <memory>
@@ -370,6 +372,88 @@ TEST_F(Edns, EditsThatDoNotParseOrFitArePutBack) {
     EXPECT_EQ(std::memcmp(&r.inf, &before, sizeof before), 0);
     EXPECT_NE(lines(err2).find("DPMAIN dpedns_strip_option41: Error After strip : -10\n"),
               std::string::npos);
+}
+
+// ---- the neighbour dump ---------------------------------------------------------------------
+
+// Netlink messages in host order, as the kernel writes them.
+template <class T>
+Bytes raw(const T& v) {
+    Bytes b(sizeof v);
+    std::memcpy(b.data(), &v, sizeof v);
+    return b;
+}
+Bytes padded(Bytes b) {
+    b.resize(NLMSG_ALIGN(b.size()));
+    return b;
+}
+Bytes nlmsg(uint16_t type, uint32_t seq, const Bytes& payload) {
+    nlmsghdr h{};
+    h.nlmsg_len = NLMSG_LENGTH(payload.size());
+    h.nlmsg_type = type;
+    h.nlmsg_seq = seq;
+    return padded(cat({raw(h), payload}));
+}
+Bytes attr(uint16_t type, const Bytes& value) {
+    const rtattr a{static_cast<unsigned short>(RTA_LENGTH(value.size())), type};
+    return padded(cat({raw(a), value}));
+}
+const Bytes kDst = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10};
+Bytes entry(uint8_t last, uint16_t state = NUD_STALE, uint8_t flags = 0, int family = AF_INET6,
+            uint32_t seq = 7, Bytes lladdr = {}, Bytes dst = kDst) {
+    ndmsg ndm{};
+    ndm.ndm_family = static_cast<uint8_t>(family);
+    ndm.ndm_state = state;
+    ndm.ndm_flags = flags;
+    if (lladdr.empty()) lladdr = {0x02, 0x00, 0x5E, 0xAB, 0xCD, last};
+    return nlmsg(RTM_NEWNEIGH, seq, cat({raw(ndm), attr(NDA_DST, dst), attr(NDA_LLADDR, lladdr)}));
+}
+
+// Each result of walking one datagram: a MAC text, or the closing code.
+std::vector<std::string> walk(const Bytes& d) {
+    const std::unique_ptr<uint8_t[]> buf(new uint8_t[d.size()]); // exact size for ASan
+    std::memcpy(buf.get(), d.data(), d.size());
+    std::vector<std::string> seen;
+    size_t pos = 0;
+    char mac[DPEDNS_MAC_TEXT_SIZE];
+    int r;
+    while ((r = dpedns_neigh_next({buf.get(), d.size()}, &pos, 7, kDst.data(), mac)) ==
+           DPEDNS_NEIGH_MATCH) {
+        seen.emplace_back(mac);
+    }
+    seen.push_back(std::to_string(r));
+    return seen;
+}
+
+TEST(NeighDump, TakesTheEntriesTheListingShowsWithAnEthernetAddress) {
+    const Bytes done = nlmsg(NLMSG_DONE, 7, raw(0));
+    Bytes other = kDst;
+    other[15] = 0x11;
+    const Bytes cut = entry(0x33);
+    Bytes long_rta = entry(0x55);
+    long_rta[NLMSG_SPACE(sizeof(ndmsg))] = 0xFF; // NDA_DST's length runs past the message
+    const std::vector<std::pair<Bytes, std::vector<std::string>>> cases = {
+        // two entries of the address: both taken, the caller keeps the last
+        {cat({entry(0x01), entry(0x02, NUD_PERMANENT), done}),
+         {"02:00:5e:ab:cd:01", "02:00:5e:ab:cd:02", "0"}},
+        // not listed: NOARP alone and no state; listed: NOARP learned externally
+        {cat({entry(1, NUD_NOARP), entry(2, NUD_NONE), entry(3, NUD_NOARP, NTF_EXT_LEARNED)}),
+         {"02:00:5e:ab:cd:03", "2"}},
+        // another family; another request's entry and end
+        {cat({entry(1, NUD_STALE, 0, AF_INET), entry(2, NUD_STALE, 0, AF_INET6, 8),
+              nlmsg(NLMSG_DONE, 8, raw(0))}),
+         {"2"}},
+        // an 8-byte link-layer address; another address; an attribute past the message's end
+        {cat({entry(1, NUD_STALE, 0, AF_INET6, 7, Bytes(8, 0xAA)),
+              entry(2, NUD_STALE, 0, AF_INET6, 7, {}, other), long_rta}),
+         {"2"}},
+        // a message cut short, a header cut short, an error answer
+        {cat({entry(0x44), Bytes(cut.begin(), cut.end() - 4)}), {"02:00:5e:ab:cd:44", "-1"}},
+        {cat({entry(0x44), Bytes(8, 0)}), {"02:00:5e:ab:cd:44", "-1"}},
+        {cat({nlmsg(NLMSG_ERROR, 7, raw(nlmsgerr{-EBUSY, {}})), done}), {"-1"}},
+    };
+    for (const auto& [dgram, want] : cases)
+        EXPECT_EQ(walk(dgram), want);
 }
 
 } // namespace
