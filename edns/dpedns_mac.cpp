@@ -25,7 +25,7 @@ namespace {
 
 constexpr char kLanBridge[] = "br0";
 
-int find_ipv4_mac(const uint8_t* addr16, const char* v6text, char* mac) {
+int find_ipv4_mac(const char* caller, const uint8_t* addr16, const char* v6text, char* mac) {
     char v4text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, addr16 + 12, v4text, sizeof v4text);
     sockaddr_in sin{};
@@ -58,7 +58,7 @@ int find_ipv4_mac(const uint8_t* addr16, const char* v6text, char* mac) {
     const auto* hw = reinterpret_cast<const unsigned char*>(req.arp_ha.sa_data);
     std::snprintf(mac, DPEDNS_MAC_TEXT_SIZE, "%02X:%02X:%02X:%02X:%02X:%02X", hw[0], hw[1], hw[2],
                   hw[3], hw[4], hw[5]);
-    DPMAIN_TRACE(DP_PKT, "%s (%s) at %s\r\n", v6text, v4text, mac);
+    DPMAIN_TRACE_AS(caller, DP_PKT, "%s (%s) at %s\r\n", v6text, v4text, mac);
     return 0;
 }
 
@@ -168,10 +168,10 @@ ssize_t read_neigh_dgram(std::chrono::steady_clock::time_point deadline) {
 
 // Every entry of the address in the order of the dump, which is the order of the listing; the
 // last one wins.
-int find_ipv6_mac(const uint8_t* addr16, const char* v6text, char* mac) {
+int find_ipv6_mac(const char* caller, const uint8_t* addr16, const char* v6text, char* mac) {
     const uint32_t seq = ++neigh_seq;
     if (!request_neigh_dump(seq)) {
-        DPMAIN_TRACE(DP_PKT, "Could not open pipe for Ipv6 Parsing.\n");
+        DPMAIN_TRACE_AS(caller, DP_PKT, "Could not open pipe for Ipv6 Parsing.\n");
         return -1;
     }
     const auto deadline = std::chrono::steady_clock::now() + kNeighDumpBudget;
@@ -181,8 +181,8 @@ int find_ipv6_mac(const uint8_t* addr16, const char* v6text, char* mac) {
         size_t pos = 0;
         int r;
         while ((r = dpedns_neigh_next(dgram, &pos, seq, addr16, mac)) == DPEDNS_NEIGH_MATCH) {
-            DPMAIN_TRACE(DP_PKT, "MAC address Validation passed\n");
-            DPMAIN_TRACE(DP_PKT, "MAC address of ipv6 %s is MAC[%s]", v6text, mac);
+            DPMAIN_TRACE_AS(caller, DP_PKT, "MAC address Validation passed\n");
+            DPMAIN_TRACE_AS(caller, DP_PKT, "MAC address of ipv6 %s is MAC[%s]", v6text, mac);
             ret = 0;
         }
         if (r == DPEDNS_NEIGH_DONE) return ret;
@@ -199,9 +199,9 @@ int dpedns_find_mac(const dp_peer_addr* client, char* mac) {
     inet_ntop(AF_INET6, client->addr, v6text, sizeof v6text);
     switch (client->kind) {
     case DPIO_PEER_IPV4:
-        return find_ipv4_mac(client->addr, v6text, mac);
+        return find_ipv4_mac(__func__, client->addr, v6text, mac);
     case DPIO_PEER_IPV6:
-        return find_ipv6_mac(client->addr, v6text, mac);
+        return find_ipv6_mac(__func__, client->addr, v6text, mac);
     default:
         return 0;
     }

@@ -47,7 +47,7 @@ def test_client_mac_from_arp_and_neighbour_tables(lab):
 
     out, err, _ = tool(lab, "find_mac", LAN_V4)
     assert out == f"ret=0 mac={CLIENT_MAC.upper()}\n"
-    assert re.search(rf"^DPMAIN find_ipv4_mac:\d+ ::ffff:{LAN_V4} \({LAN_V4}\) at {CLIENT_MAC.upper()}\r$", err, re.M)
+    assert re.search(rf"^DPMAIN dpedns_find_mac:\d+ ::ffff:{LAN_V4} \({LAN_V4}\) at {CLIENT_MAC.upper()}\r$", err, re.M)
 
     out, err, _ = tool(lab, "find_mac", LAN_V6)
     assert out == f"ret=0 mac={CLIENT_MAC}\n"
