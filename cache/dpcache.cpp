@@ -3,6 +3,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@ namespace {
 constexpr uint32_t kQtypeA = 1;
 constexpr uint32_t kQtypePtr = 12;
 constexpr uint32_t kQtypeAaaa = 28;
+constexpr uint32_t kHardenedMaxTtl = 86400; // seconds
 
 constexpr const char* kEqRule = "===========================================================";
 constexpr const char* kDashRule = "-----------------------------------------------------------";
@@ -269,6 +271,8 @@ void dpcache_add_dync_cache(uint32_t qtype, const char* name, const char* value,
                           (qtype == kQtypeA || qtype == kQtypeAaaa);
     if (has_room && storable) {
         const uint32_t type = qtype == kQtypeA ? DPCACHE_TYPE_IPV4 : DPCACHE_TYPE_IPV6;
+        // Hardened mode: a forged answer that slipped through poisons the cache for a day at most.
+        if (dpcfg_is_hardened_mode_enabled() != 0) ttl = std::min(ttl, kHardenedMaxTtl);
         if (add_cache(&dpcache_dyn_list, name, type, value, now + ttl) >= 0) ++dpcache_dyn_count;
     }
     // 3.

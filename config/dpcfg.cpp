@@ -101,8 +101,10 @@ constexpr key_row kKeyTable[] = {
     DPCFG_KEY(SendModeForClientResponse, send_mode_for_client_response, nullptr, parse_int),
     DPCFG_KEY(ClientInterfaceName, client_interface_name, nullptr, parse_text),
     DPCFG_KEY(hosts_file, hosts_file, nullptr, parse_text),
+    // Extensions, after the 17 keys of the file's own format.
+    DPCFG_KEY(EnableHardenedMode, is_hardened_mode_enabled, nullptr, parse_bool),
 };
-static_assert(std::size(kKeyTable) == 17);
+static_assert(std::size(kKeyTable) == 17 + 1);
 
 #undef DPCFG_KEY
 
@@ -311,6 +313,10 @@ int dpcfg_set_edns(uint32_t on) {
 }
 int dpcfg_set_d2a(uint32_t on) {
     config.is_d2a_feat_enabled = as_switch(on);
+    return 0;
+}
+int dpcfg_set_hardened_mode(uint32_t on) {
+    config.is_hardened_mode_enabled = as_switch(on);
     return 0;
 }
 int dpcfg_set_d2d(uint32_t on) {

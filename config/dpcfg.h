@@ -34,6 +34,8 @@ struct dpcfg_config {
     char hosts_file[128];
     char lock_net_whitelist[1024];
     char first_wan_ifname[128]; // set by the DNS filter's WAN-name signal; no file key
+    // Extensions: switched by their own keys, never printed by the configuration dump.
+    uint32_t is_hardened_mode_enabled; // EnableHardenedMode, JSON feature "hardened"
 };
 
 // Deployment settings, compiled in (listed for operators in docs/).
@@ -164,6 +166,9 @@ inline const char* dpcfg_lock_net_whitelist() {
 inline const char* dpcfg_first_wan_ifname() {
     return dpcfg_get().first_wan_ifname;
 }
+inline uint32_t dpcfg_is_hardened_mode_enabled() {
+    return dpcfg_get().is_hardened_mode_enabled;
+}
 
 // ---- setters: each stores 1 for a non-zero value and 0 otherwise, and returns 0 ------------
 int dpcfg_set_using_global_dns_servers(uint32_t on);
@@ -178,6 +183,7 @@ int dpcfg_set_d2a(uint32_t on);
 int dpcfg_set_d2d(uint32_t on);
 int dpcfg_set_local_hosts(uint32_t on);
 int dpcfg_set_dyn_cache(uint32_t on);
+int dpcfg_set_hardened_mode(uint32_t on);
 
 // Stores the policy of the global server set as given (the command line allows 0, 1 and 2).
 int dpcfg_set_global_dns_server_set_policy(uint32_t policy);

@@ -129,6 +129,16 @@ constexpr kutl_cli_cmd kCommands[] = {
 };
 static_assert(std::size(kCommands) == 16);
 
+int cmd_view_security(int, const char* const*) {
+    return dpxy_view_security();
+}
+
+// Commands of the extensions, tried only when the table above matches nothing (so they change
+// neither its rows nor its help text).
+constexpr kutl_cli_cmd kExtensionCommands[] = {
+    {"view security", 0, {}, cmd_view_security},
+};
+
 // Output back where it was at start-up, terminal or not, so that the daemon never keeps writing
 // into an operator's terminal or FIFO.
 void restore_own_output() {
@@ -148,9 +158,14 @@ void point_output_at(int fd) {
     dup2(fd, STDERR_FILENO);
 }
 
+bool run_extension_command(const char* cmd) {
+    return kutl_process_cli_cmd(kExtensionCommands, static_cast<int>(std::size(kExtensionCommands)),
+                                cmd) == KUTL_CLI_OK;
+}
+
 void run_command(const char* cmd) {
-    if (kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd) != 0)
-        print_help();
+    const int ret = kutl_process_cli_cmd(kCommands, static_cast<int>(std::size(kCommands)), cmd);
+    if (ret != 0 && !(ret == KUTL_CLI_NO_MATCH && run_extension_command(cmd))) print_help();
     std::fflush(stdout);
     std::fflush(stderr);
 }

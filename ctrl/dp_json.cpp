@@ -17,7 +17,8 @@ enum feature_code : uint32_t {
     FEAT_FORCE_REGISTER = 1,
     FEAT_EDNS = 2,
     FEAT_INTERCEPT = 3,
-    FEAT_DSLITE = 4
+    FEAT_DSLITE = 4,
+    FEAT_HARDENED = 5, // an extension: the hardened mode of the upstream side
 };
 
 // "ifname" is accepted with these objects but has no effect (code 0 is skipped).
@@ -26,13 +27,15 @@ constexpr rjson_key_desc kFeatureKeys[] = {
     {"edns", FEAT_EDNS, RJSON_VALUE_U32},
     {"intercept", FEAT_INTERCEPT, RJSON_VALUE_U32},
     {"dslite", FEAT_DSLITE, RJSON_VALUE_U32},
+    {"hardened", FEAT_HARDENED, RJSON_VALUE_U32},
     {"ifname", 0, RJSON_VALUE_TEXT},
 };
 constexpr rjson_object_desc kFeatures = rjson_object("dnsproxy.features", kFeatureKeys);
 
 using setter = int (*)(uint32_t);
-constexpr setter kFeatureSetters[] = {nullptr, dpcfg_set_force_register, dpcfg_set_edns,
-                                      dpcfg_set_intercept, dpcfg_set_dslite};
+constexpr setter kFeatureSetters[] = {nullptr,          dpcfg_set_force_register,
+                                      dpcfg_set_edns,   dpcfg_set_intercept,
+                                      dpcfg_set_dslite, dpcfg_set_hardened_mode};
 
 int apply_features(const json_object* params) {
     rjson_item_area area{};

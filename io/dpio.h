@@ -62,6 +62,63 @@ void dpio_hex_dump(const char* label, const uint8_t* buf, uint32_t len);
 // The I/O part of the information dump: descriptors, server port, the last datagram read.
 void dpio_dump_info();
 
+// ---- hardened mode: the upstream side that an off-path host cannot forge -----------------------
+//
+// Queries leave from a pool of server sockets on random ports of the configured range (one
+// socket drawn at random per query, the oldest replaced every few seconds), and an answer is
+// taken only on the socket its query left from, from a server it was sent to, with its question.
+
+inline constexpr int DPIO_POOL_SIZE = 16;       // sockets in use at a time
+inline constexpr uint32_t DPIO_POOL_ROTATE = 2; // seconds between two replacements
+inline constexpr uint32_t DPIO_POOL_LINGER = 6; // seconds a replaced socket still takes answers
+inline constexpr int DPIO_EXPECT_MAX = 32;      // servers of one set
+inline constexpr int DPIO_QUESTION_MAX = 259;   // a name of 255 bytes, TYPE and CLASS
+
+// Where one query went and what it asked.
+struct dpio_expect {
+    int fd;        // the socket it left from; -1 when nothing was recorded
+    uint16_t port; // the servers' port
+    uint8_t count; // servers it was sent to
+    uint8_t addr[DPIO_EXPECT_MAX][16];
+    uint16_t qlen; // its question in wire form: the name, TYPE and CLASS
+    uint8_t question[DPIO_QUESTION_MAX];
+};
+
+// Why an answer was not taken.
+enum dpio_answer_check : int {
+    DPIO_ANSWER_OK = 0,
+    DPIO_ANSWER_WRONG_SOCKET = 1,
+    DPIO_ANSWER_WRONG_SOURCE = 2,   // another address, or a port other than 53
+    DPIO_ANSWER_WRONG_QUESTION = 3, // another name, TYPE or CLASS
+    DPIO_ANSWER_UNKNOWN_ID = 4,     // no query or probe waits for this id
+};
+
+// While hardened mode is on, the sends to servers between these two calls leave from one pool
+// socket drawn at random and are recorded in *e; off, they leave from the server socket as
+// always and *e is left empty (fd -1).
+void dpio_begin_sends(dpio_expect* e);
+void dpio_end_sends();
+// Whether the answer msg (len bytes, at least a header), read from fd and sent by from, is the
+// answer to the recorded query.
+int dpio_check_answer(const dpio_expect* e, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                      uint16_t len);
+
+// Pool upkeep, once a tick: opens the pool while hardened mode is on, replaces the oldest socket
+// every DPIO_POOL_ROTATE seconds, closes a replaced one DPIO_POOL_LINGER seconds later; with
+// hardened mode off every socket is replaced, and closed once its answers can no longer come.
+void dpio_pool_tick(uint32_t now);
+// Renewal after time-outs in hardened mode: every socket in use is replaced at once.
+void dpio_pool_renew(uint32_t now);
+// The poll loop callback that pool sockets are registered with (the server socket's).
+using dpio_dispatch = int (*)(struct pollfd* entry);
+void dpio_set_server_dispatch(dpio_dispatch dispatch);
+// True for the server socket and every pool socket, the ones answers arrive on.
+bool dpio_is_server_fd(int fd);
+// The ports of the sockets in use (at most max); their number.
+int dpio_pool_ports(uint16_t* ports, int max);
+// Closes every pool socket (shutdown, tests).
+void dpio_pool_close();
+
 // ---- module message channel -------------------------------------------------------------------
 //
 // Fixed-layout messages to other gateway modules: the 32-byte csMsgHeader (host order) and a

@@ -9,11 +9,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "config/dpcfg.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
+#include "main/dputl.h"
+#include "platform/ombus/ombus.h"
 
 namespace {
 
@@ -50,6 +53,108 @@ void trace_send(const char* func, int line, int sock, const uint8_t* addr, uint1
     }
     if (DP_TRACE_ON(DP_MOD_IO, DP_IO)) dpio_hex_dump("snd dns", buf, len);
     if (ret < 0) dp_stats.send_packet_error++;
+}
+
+// ---- hardened mode: the pool of server sockets ------------------------------------------------
+
+// A pool socket: in use while retire_at is 0; replaced, it still takes the answers of the queries
+// that left from it until retire_at, then it is closed.
+struct pool_socket {
+    int fd = -1;
+    uint16_t port = 0;
+    uint32_t retire_at = 0;
+    uint64_t order = 0; // which socket was opened first
+};
+
+// In use, and lingering after a replacement (a renewal replaces every one at once).
+constexpr int kPoolSlots = 3 * DPIO_POOL_SIZE;
+constexpr int kPortTries = 16;
+
+pool_socket pool[kPoolSlots];
+uint64_t pool_order = 0;
+uint32_t last_rotation = 0;
+dpio_dispatch server_dispatch = nullptr;
+dpio_expect* recording = nullptr; // the query being sent, between dpio_begin/end_sends
+
+bool in_use(const pool_socket& s) {
+    return s.fd >= 0 && s.retire_at == 0;
+}
+
+// A port of the configured range, both ends included.
+uint16_t random_port() {
+    const uint32_t start = dpcfg_server_socket_src_port_start();
+    const uint32_t end = std::max(start, dpcfg_server_socket_src_port_end());
+    return static_cast<uint16_t>(start + dputl_random32() % (end - start + 1));
+}
+
+// Opens one more pool socket on a free random port; false when no slot or no port is free.
+bool open_pool_socket() {
+    pool_socket* slot = nullptr;
+    for (auto& s : pool) {
+        if (s.fd < 0) {
+            slot = &s;
+            break;
+        }
+    }
+    if (slot == nullptr) return false;
+    for (int i = 0; i < kPortTries; ++i) {
+        const uint16_t port = random_port();
+        const int fd = create_socket(port); // a port taken already fails to bind: draw another
+        if (fd < 0) continue;
+        *slot = {fd, port, 0, ++pool_order};
+        if (server_dispatch != nullptr) ombusRegisterPollingSocket(fd, server_dispatch, 0, 0);
+        return true;
+    }
+    return false;
+}
+
+void close_pool_socket(pool_socket& s) {
+    ombusUnregisterPollingSocket(s.fd);
+    close(s.fd);
+    s = pool_socket{};
+}
+
+int sockets_in_use() {
+    return static_cast<int>(std::count_if(std::begin(pool), std::end(pool), in_use));
+}
+
+void retire(pool_socket& s, uint32_t now) {
+    s.retire_at = now + DPIO_POOL_LINGER;
+}
+
+void fill_pool() {
+    for (int n = sockets_in_use(); n < DPIO_POOL_SIZE && open_pool_socket(); ++n) {}
+}
+
+// The question of a query in wire form (name, TYPE, CLASS), read from its first send; 0 when the
+// name does not end inside the message or is longer than a name may be.
+uint16_t question_length(const uint8_t* buf, uint16_t len) {
+    size_t at = kHeaderLen;
+    while (at < len && buf[at] != 0) {
+        if (buf[at] > 63) return 0;
+        at += 1u + buf[at];
+    }
+    const size_t qlen = at + 1 + 4 - kHeaderLen;
+    return at < len && qlen <= DPIO_QUESTION_MAX && kHeaderLen + qlen <= len
+               ? static_cast<uint16_t>(qlen)
+               : 0;
+}
+
+void record_send(dpio_expect* e, const uint8_t* addr, uint16_t port, const uint8_t* buf,
+                 uint16_t len) {
+    if (e->count == 0) {
+        e->port = port;
+        e->qlen = question_length(buf, len);
+        std::memcpy(e->question, buf + kHeaderLen, e->qlen);
+    }
+    for (int i = 0; i < e->count; ++i) {
+        if (std::memcmp(e->addr[i], addr, 16) == 0) return;
+    }
+    if (e->count < DPIO_EXPECT_MAX) std::memcpy(e->addr[e->count++], addr, 16);
+}
+
+uint8_t fold(uint8_t c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c - 'A' + 'a') : c;
 }
 
 } // namespace
@@ -170,7 +275,10 @@ int dpio_send_to_client(const uint8_t* addr, uint16_t port, const uint8_t* buf, 
 }
 
 int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
-    return send_packet(server_fd, addr, port, buf, len);
+    if (recording == nullptr) return send_packet(server_fd, addr, port, buf, len);
+    const int ret = send_packet(recording->fd, addr, port, buf, len);
+    if (ret > 0) record_send(recording, addr, port, buf, len);
+    return ret;
 }
 
 int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, uint16_t* len) {
@@ -242,4 +350,98 @@ void dpio_dump_info() {
     std::fprintf(stderr, "  server_fd   = %d\n", server_fd);
     std::fprintf(stderr, "  server_port = %u\n", static_cast<unsigned>(server_port));
     dpio_hex_dump("  last packet", last_packet, last_packet_len);
+}
+
+// ---- hardened mode ------------------------------------------------------------------------------
+
+void dpio_begin_sends(dpio_expect* e) {
+    e->fd = -1;
+    e->count = 0;
+    e->qlen = 0;
+    recording = nullptr;
+    if (dpcfg_is_hardened_mode_enabled() == 0) return;
+    const pool_socket* chosen[kPoolSlots];
+    int n = 0;
+    for (const auto& s : pool) {
+        if (in_use(s)) chosen[n++] = &s;
+    }
+    // Without a pool socket (every port of the range taken) the server socket serves.
+    e->fd = n > 0 ? chosen[dputl_random32() % static_cast<uint32_t>(n)]->fd : server_fd;
+    recording = e;
+}
+
+void dpio_end_sends() {
+    recording = nullptr;
+}
+
+int dpio_check_answer(const dpio_expect* e, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                      uint16_t len) {
+    if (fd != e->fd) return DPIO_ANSWER_WRONG_SOCKET;
+    bool known = false;
+    for (int i = 0; i < e->count && !known; ++i)
+        known = std::memcmp(e->addr[i], from->addr, 16) == 0;
+    if (!known || from->port != e->port) return DPIO_ANSWER_WRONG_SOURCE;
+    if (e->qlen < 5 || len < kHeaderLen + e->qlen) return DPIO_ANSWER_WRONG_QUESTION;
+    const uint8_t* q = msg + kHeaderLen;
+    const size_t name_len = e->qlen - 4u; // letters without regard to case, TYPE and CLASS exact
+    for (size_t i = 0; i < name_len; ++i) {
+        if (fold(q[i]) != fold(e->question[i])) return DPIO_ANSWER_WRONG_QUESTION;
+    }
+    if (std::memcmp(q + name_len, e->question + name_len, 4) != 0)
+        return DPIO_ANSWER_WRONG_QUESTION;
+    return DPIO_ANSWER_OK;
+}
+
+void dpio_pool_tick(uint32_t now) {
+    for (auto& s : pool) {
+        if (s.fd >= 0 && s.retire_at != 0 && dputl_time_due(s.retire_at, now)) close_pool_socket(s);
+    }
+    if (dpcfg_is_hardened_mode_enabled() == 0) {
+        for (auto& s : pool) {
+            if (in_use(s)) retire(s, now);
+        }
+        return;
+    }
+    if (sockets_in_use() > 0 && now - last_rotation >= DPIO_POOL_ROTATE) {
+        pool_socket* oldest = nullptr;
+        for (auto& s : pool) {
+            if (in_use(s) && (oldest == nullptr || s.order < oldest->order)) oldest = &s;
+        }
+        retire(*oldest, now);
+        last_rotation = now;
+    }
+    fill_pool();
+}
+
+void dpio_pool_renew(uint32_t now) {
+    for (auto& s : pool) {
+        if (in_use(s)) retire(s, now);
+    }
+    last_rotation = now;
+    fill_pool();
+}
+
+void dpio_set_server_dispatch(dpio_dispatch dispatch) {
+    server_dispatch = dispatch;
+}
+
+bool dpio_is_server_fd(int fd) {
+    if (fd == server_fd) return true;
+    return std::any_of(std::begin(pool), std::end(pool),
+                       [fd](const pool_socket& s) { return s.fd >= 0 && s.fd == fd; });
+}
+
+int dpio_pool_ports(uint16_t* ports, int max) {
+    int n = 0;
+    for (const auto& s : pool) {
+        if (in_use(s) && n < max) ports[n++] = s.port;
+    }
+    return n;
+}
+
+void dpio_pool_close() {
+    for (auto& s : pool) {
+        if (s.fd >= 0) close_pool_socket(s);
+    }
+    recording = nullptr;
 }

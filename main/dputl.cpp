@@ -1,8 +1,10 @@
 #include "main/dputl.h"
 
+#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
 
 namespace {
@@ -18,6 +21,38 @@ namespace {
 dputl_time_source time_source = nullptr;
 uint16_t transaction_id = 0;
 acb* action_head = nullptr;
+dputl_id_in_use id_in_use = nullptr;
+
+// Random numbers fetched 256 at a time.
+uint32_t random_batch[256];
+size_t random_left = 0;
+
+// The kernel's pool; /dev/urandom before it is initialised (getrandom would block the loop then).
+void refill_random() {
+    const ssize_t n = getrandom(random_batch, sizeof random_batch, GRND_NONBLOCK);
+    if (n != static_cast<ssize_t>(sizeof random_batch)) {
+        const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            if (read(fd, random_batch, sizeof random_batch) < 0) std::perror("/dev/urandom");
+            close(fd);
+        }
+    }
+    random_left = sizeof random_batch / sizeof random_batch[0];
+}
+
+uint32_t draw32() {
+    if (random_left == 0) refill_random();
+    return random_batch[--random_left];
+}
+
+// Hardened mode: a random id that no pending query or probe holds. With at most a little over a
+// thousand ids in use among 65535, a few draws always find one.
+uint16_t random_transaction_id() {
+    for (;;) {
+        const auto id = static_cast<uint16_t>(draw32());
+        if (id != 0 && (id_in_use == nullptr || !id_in_use(id))) return id;
+    }
+}
 acb* action_tail = nullptr;
 
 bool action_in_list(const acb* action) {
@@ -63,8 +98,17 @@ void dputl_set_time_source(dputl_time_source source) {
 }
 
 uint16_t dputl_get_next_transaction_id() {
+    if (dpcfg_is_hardened_mode_enabled() != 0) return random_transaction_id();
     transaction_id = static_cast<uint16_t>(transaction_id + (transaction_id == 0xFFFF ? 2 : 1));
     return transaction_id;
+}
+
+void dputl_set_id_in_use(dputl_id_in_use check) {
+    id_in_use = check;
+}
+
+uint32_t dputl_random32() {
+    return draw32();
 }
 
 void dputl_set_transaction_id(uint16_t value) {

@@ -22,10 +22,20 @@ inline bool dputl_time_due(uint32_t t, uint32_t now) {
 
 // ---- transaction ids ---------------------------------------------------------------------
 
-// Next 16-bit id towards the servers: incremented before use, never 0; the first is 1.
+// Next 16-bit id towards the servers: incremented before use, never 0; the first is 1. In
+// hardened mode the id is drawn at random instead, never 0 and never one that the in-use check
+// reports (a pending query or probe).
 uint16_t dputl_get_next_transaction_id();
 // Sets the counter (tests of the wrap-around).
 void dputl_set_transaction_id(uint16_t value);
+using dputl_id_in_use = bool (*)(uint16_t id);
+void dputl_set_id_in_use(dputl_id_in_use check);
+
+// ---- randomness --------------------------------------------------------------------------
+
+// Unpredictable numbers from the kernel's random source, fetched in batches so that a draw on the
+// packet path makes no system call of its own.
+uint32_t dputl_random32();
 
 // ---- action timer list -------------------------------------------------------------------
 

@@ -83,6 +83,11 @@ uint32_t dpxy_force_url_count();
 int send_auto_query_probe_packet(void* parm);
 // -50 a good answer to the current probe (service up), -60 anything else.
 int handle_auto_query_probe_response(uint16_t server_id, const msginf* answer);
+// Hardened mode: the current probe's id, and the check of an answer to it: -1 when the id is not
+// the probe's, else a dpio_answer_check result.
+uint16_t dpxy_status_probe_id();
+int dpxy_check_status_answer(uint16_t id, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                             uint16_t len);
 void dpxy_reset_status_probe();
 void dpxy_start_status_probe();
 uint32_t dpxy_status_failed_count();
@@ -102,3 +107,16 @@ int dpxy_tick();
 
 // "view misc": process, time and client interface information on standard error.
 void dpxy_dump_info();
+
+// ---- hardened mode -----------------------------------------------------------------------------
+
+struct dpxy_security_stats {
+    uint32_t dropped[5];   // answers not taken, by dpio_answer_check reason
+    uint32_t joined;       // queries that joined a pending identical question
+    uint32_t waiters_full; // queries dropped because their question had all the waiters it takes
+};
+const dpxy_security_stats& dpxy_hard_stats();
+// Installs the id check: no id of a pending query or probe is drawn again.
+void dpxy_hard_init();
+// "view security": the counters above and the source ports in use.
+int dpxy_view_security();

@@ -16,6 +16,9 @@ namespace {
 // A burst is served in one wake-up, but never so long that the other socket and the bus starve;
 // what is left makes the next poll return at once.
 constexpr int kMaxDatagramsPerWakeUp = 256;
+// Hardened mode: an answer its query does not expect (another socket, source or question, or no
+// query at all) is dropped before it can touch anything.
+constexpr int kForgedAnswer = -80;
 
 // is_response_valid: a question and the QR bit.
 int is_response_valid(const msginf& info) {
@@ -83,6 +86,7 @@ int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
     pkt.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
     pkt.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
     send_packet_x(&pcb->client, pkt.buf, pkt.len);
+    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, pkt.buf, pkt.len);
     remove_proxy_ctrlblk(pcb);
     if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
     return 0;
@@ -102,7 +106,7 @@ void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt) {
     dpedns_strip_option41(&backup, pkt.buf, &pkt.len, &pkt.inf);
 }
 
-int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
+int handle_dns_response(int fd, const dp_peer_addr& from, dns_pkt& pkt) {
     // 3. parse
     int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
     if (ret < 0) {
@@ -116,9 +120,13 @@ int handle_dns_response(const dp_peer_addr& from, dns_pkt& pkt) {
         DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x dropped for invalid response\n", pkt.inf.id);
         return -30;
     }
-    // 5. 6. primary status
+    // 5. 6. primary status; in hardened mode only from an answer its query expects
     DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name,
                  pkt.inf.hostaddr);
+    if (dpcfg_is_hardened_mode_enabled() != 0 &&
+        dpxy_hard_check_answer(fd, from, pkt) != DPIO_ANSWER_OK) {
+        return kForgedAnswer;
+    }
     process_primary_dns_status(from, pkt.inf);
     // 7. 8. the pending query, else a probe
     dpxy_pcb* pcb = dpxy_find_pcb(pkt.inf.id);
@@ -169,7 +177,7 @@ int dpxy_handle_server_packet(int fd) {
         return ret;
     }
     dp_stats.server_packet_recv++;
-    ret = handle_dns_response(from, pkt);
+    ret = handle_dns_response(fd, from, pkt);
     DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
     return ret;
 }
@@ -178,7 +186,7 @@ int dpxy_dispatch_socket(struct pollfd* entry) {
     if (entry->revents == 0) return 0;
     for (int i = 0; i < kMaxDatagramsPerWakeUp; ++i) {
         int ret = DPXY_DRAINED;
-        if (entry->fd == dpio_get_server_fd()) ret = dpxy_handle_server_packet(entry->fd);
+        if (dpio_is_server_fd(entry->fd)) ret = dpxy_handle_server_packet(entry->fd);
         if (entry->fd == dpio_get_client_fd()) ret = dpxy_handle_client_packet(entry->fd);
         if (ret == DPXY_DRAINED) break;
     }

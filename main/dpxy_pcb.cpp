@@ -76,9 +76,10 @@ void fix_edns_of_copy(const dpxy_pcb* pcb) {
     dpedns_strip_option41(&backup, copy.buf, &copy.len, &copy.inf);
 }
 
-void send_held_answer(const dpxy_pcb* pcb) {
+void send_held_answer(dpxy_pcb* pcb) {
     if (dpcfg_is_edns_enabled() != 0 && pcb->edns_mode != DPXY_EDNS_NONE) fix_edns_of_copy(pcb);
     send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
+    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, pcb->pkt, pcb->pkt_len);
 }
 
 } // namespace
@@ -115,6 +116,7 @@ void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
     else
         pcbs.oldest = pcb->newer;
     if (pcbs.count > 0) pcbs.count--;
+    if (pcb->waiter_head != 0) dpxy_hard_free_waiters(pcb);
     std::free(pcb->vendor_opt);
     std::free(pcb);
 }
@@ -147,6 +149,9 @@ void handle_expired_query() {
 
 uint32_t dpxy_pcb_count() {
     return pcbs.count;
+}
+dpxy_pcb* dpxy_newest_pcb() {
+    return pcbs.newest;
 }
 uint32_t dpxy_timed_out_count() {
     return pcbs.timed_out;

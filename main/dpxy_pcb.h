@@ -44,7 +44,19 @@ struct dpxy_pcb {
     uint32_t expiry;
     void* vendor_opt;    // heap buffer of the DNS filter's vendor options, owned by the pcb
     dpxy_pcb* hash_next; // chain of the server_id index
+    // Hardened mode: where the query went and what it asked, what makes a later identical
+    // question join it (the DO bit and the client-MAC option it carried), and those waiting.
+    dpio_expect expect;
+    uint8_t do_bit;
+    char mac[18];
+    uint8_t case_bits[32]; // which letters of the client's question name were upper case
+    uint16_t waiter_head;  // first waiter, as its index + 1 in the waiter pool; 0 none
+    uint8_t waiter_count;
 };
+
+// Hardened mode: a later client of a pending question, answered with its answer.
+inline constexpr int DPXY_WAITERS_MAX = 16;  // per question; a query beyond is dropped
+inline constexpr int DPXY_WAITER_POOL = 512; // in all
 
 // Records a forwarded query from its image (only when forward_result is 0). A pcb with the same
 // server_id takes the new counts instead. 0, or -1 when nothing was recorded.
@@ -57,6 +69,26 @@ dpxy_pcb* dpxy_find_pcb(uint16_t server_id);
 void handle_expired_query();
 
 uint32_t dpxy_pcb_count();
+// The newest pcb (null when none); older ones follow through pcb->older.
+dpxy_pcb* dpxy_newest_pcb();
+
+// ---- hardened mode (dpxy_hardened.cpp) ----------------------------------------------------------
+
+struct dns_pkt;
+// Whether an answer read from fd and sent by from is the one its query, probe or status probe
+// expects: DPIO_ANSWER_OK, else the reason (counted) why it is dropped.
+int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, const dns_pkt& pkt);
+// Notes in the pcb image what makes a later query join it: the question's letter case (from the
+// client's query as parsed) and, before forwarding, the DO bit and the client-MAC option.
+void dpxy_hard_note_case(dpxy_pcb& image, const dns_pkt& pkt);
+void dpxy_hard_note_query(dpxy_pcb& image, const dns_pkt& pkt);
+// A client query whose question is pending upstream for another client waits for that answer:
+// 1 joined, 0 not (forward it), -1 dropped (the question has all the waiters it takes).
+int dpxy_hard_join(const dpxy_pcb& image, const dns_pkt& pkt);
+// Sends the answer (msg, as relayed to the pcb's client) to every waiter with its own id and the
+// letter case it asked in; frees the waiters.
+void dpxy_hard_answer_waiters(dpxy_pcb* pcb, uint8_t* msg, uint16_t len);
+void dpxy_hard_free_waiters(dpxy_pcb* pcb);
 // Queries that timed out since the last upstream-socket renewal.
 uint32_t dpxy_timed_out_count();
 void dpxy_reset_timed_out_count();

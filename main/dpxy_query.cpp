@@ -387,6 +387,12 @@ void server_failure(query_ctx& q) {
 }
 
 int forward_query_to_servers(query_ctx& q) {
+    // Hardened mode: a question pending upstream for another client is not sent again.
+    if (dpcfg_is_hardened_mode_enabled() != 0) {
+        dpxy_hard_note_query(q.pcb, q.pkt);
+        const int joined = dpxy_hard_join(q.pcb, q.pkt);
+        if (joined != 0) return joined > 0 ? 0 : kDropped;
+    }
     // 1. a fresh id towards the servers
     q.pcb.server_id = dputl_get_next_transaction_id();
     q.pkt.buf[0] = static_cast<uint8_t>(q.pcb.server_id >> 8);
@@ -404,7 +410,9 @@ int forward_query_to_servers(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "isDslite=%u type=%d\n", dpcfg_is_dslite_enabled(),
                  static_cast<int>(req.type));
     int sentnum = 0;
+    dpio_begin_sends(&q.pcb.expect);
     const int sent_ret = send_by_family(q, req, &sentnum);
+    dpio_end_sends();
     if (sent_ret < 0) return kDropped;
     const int result = (sentnum > 0 || sent_ret > 0) ? 0 : -1;
     q.pcb.query_count = static_cast<uint8_t>(sentnum);
@@ -437,7 +445,8 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
     // 1. the pcb image: who asked and what. Its packet area is filled when the query is
     // forwarded, from the packet as it then stands; zeroing those 2 KiB per query buys nothing.
     std::memset(&image, 0, offsetof(dpxy_pcb, pkt));
-    std::memset(image.d2d_name, 0, sizeof image - offsetof(dpxy_pcb, d2d_name));
+    std::memset(image.d2d_name, 0, offsetof(dpxy_pcb, expect) - offsetof(dpxy_pcb, d2d_name));
+    std::memset(&image.do_bit, 0, sizeof image - offsetof(dpxy_pcb, do_bit)); // expect: at sending
     const uint16_t copy_len = std::min<uint16_t>(len, DPXY_MAX_PACKET);
     image.client = *client;
     image.pkt_len = copy_len;
@@ -466,6 +475,7 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
         error_answer(q, kRcodeFormErr);
         return -3;
     }
+    if (dpcfg_is_hardened_mode_enabled() != 0) dpxy_hard_note_case(image, pkt);
     // 4. 5. a query, not an answer
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x name=%s hostaddr=%s\n", image.client_id, pkt.inf.name,
                  pkt.inf.hostaddr);

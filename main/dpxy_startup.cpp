@@ -51,6 +51,7 @@ void renew_server_socket_if_stale() {
     if (dpcfg_is_renew_server_socket_enabled() == 0) return;
     if (twelve_ticks >= 12 && dpxy_timed_out_count() != 0) {
         dpio_renew_server_socket();
+        if (dpcfg_is_hardened_mode_enabled() != 0) dpio_pool_renew(dputl_get_current_time());
         dpxy_reset_timed_out_count();
         twelve_ticks = 0;
     } else {
@@ -245,6 +246,7 @@ int dpxy_tick() {
     next_tick_time = now + 1;
     handle_expired_query();
     renew_server_socket_if_stale();
+    dpio_pool_tick(now);
     dpsvr_scan_monitor_list();
     dputl_scan_action_list();
     return 0;

@@ -40,6 +40,7 @@ constexpr std::array<uint8_t, 32> make_probe() {
 std::array<uint8_t, 32> probe_packet = make_probe();
 uint32_t failed_count = 0;
 uint16_t probe_transid = 0;
+dpio_expect probe_expect{-1, 0, 0, {}, 0, {}}; // hardened mode: where the probe went
 
 void probe_start(void* parm, acb*) {
     send_auto_query_probe_packet(parm);
@@ -60,8 +61,10 @@ int send_auto_query_probe_packet(void*) {
     probe_transid = dputl_get_next_transaction_id();
     probe_packet[0] = static_cast<uint8_t>(probe_transid >> 8);
     probe_packet[1] = static_cast<uint8_t>(probe_transid & 0xFF);
+    dpio_begin_sends(&probe_expect);
     dpsvr_send_query(probe_packet.data(), static_cast<uint16_t>(probe_packet.size()),
                      dpsvr_get_hsi_server_set(), nullptr);
+    dpio_end_sends();
     failed_count++;
     return 0;
 }
@@ -85,4 +88,14 @@ void dpxy_start_status_probe() {
 
 uint32_t dpxy_status_failed_count() {
     return failed_count;
+}
+
+uint16_t dpxy_status_probe_id() {
+    return probe_transid;
+}
+
+int dpxy_check_status_answer(uint16_t id, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                             uint16_t len) {
+    if (id == 0 || id != probe_transid) return -1;
+    return dpio_check_answer(&probe_expect, fd, from, msg, len);
 }

@@ -65,6 +65,8 @@ int main(int argc, char** argv) {
     // 7. bus loop registrations; the tick is both the periodic handler and the event observer
     ombusRegisterPollingSocket(dpio_get_client_fd(), dpxy_dispatch_socket, 0, 0);
     ombusRegisterPollingSocket(dpio_get_server_fd(), dpxy_dispatch_socket, 0, 0);
+    dpio_set_server_dispatch(dpxy_dispatch_socket); // hardened mode's pool of server sockets
+    dpxy_hard_init();
     ombusRegisterPollingTimeOutHandler(1000, dpxy_tick, 1, 0);
     ombusRegisterPollingEventObserver(dpxy_tick, 2, 0);
     rcsd_init(kServiceName);

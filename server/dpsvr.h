@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "io/dpio.h"
 #include "main/dputl.h"
 
 // ---- server sets ------------------------------------------------------------------------------
@@ -23,6 +24,7 @@ struct dpsvr_monitor {
     uint16_t transid;
     uint32_t Time;
     struct acb acb;
+    dpio_expect expect; // hardened mode: where the probe went and what it asked
 };
 
 struct servset {
@@ -117,6 +119,11 @@ void dpsvr_scan_monitor_list();
 void dpsvr_check_dns_server_set_status();
 // 1 an active probe answered, 2 a backup probe answered, -2 no probe has this id, -1 id 0.
 int dpsvr_handle_dns_server_probe_response(uint16_t transid);
+// Hardened mode: whether a probe waits for this id; and the check of an answer to it: -1 when
+// no probe has the id, else a dpio_answer_check result.
+bool dpsvr_probe_holds_id(uint16_t transid);
+int dpsvr_check_probe_answer(uint16_t transid, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                             uint16_t len);
 // Head of the monitor list (tests and dumps).
 servset* dpsvr_monitor_list_head();
 

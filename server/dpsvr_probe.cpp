@@ -297,13 +297,17 @@ int stop_backup_server_probe(servset* set) {
 
 int send_probe_packet_to_active_server(servset* set) {
     if (set->activeIdx >= set->num) return -1;
+    dpio_begin_sends(&set->active.expect);
     send_probe_packet_to_server(&set->servers[set->activeIdx], &set->active.transid);
+    dpio_end_sends();
     return 0;
 }
 
 int send_probe_packet_to_backup_server(servset* set) {
     if (set->backupIdx >= set->num) return -1;
+    dpio_begin_sends(&set->backup.expect);
     send_probe_packet_to_server(&set->servers[set->backupIdx], &set->backup.transid);
+    dpio_end_sends();
     return 0;
 }
 
@@ -368,4 +372,23 @@ int dpsvr_handle_dns_server_probe_response(uint16_t transid) {
         return 2;
     }
     return -2;
+}
+
+bool dpsvr_probe_holds_id(uint16_t transid) {
+    for (const servset* set = monitor_list; set != nullptr; set = set->next) {
+        if (set->active.transid == transid || set->backup.transid == transid) return true;
+    }
+    return false;
+}
+
+int dpsvr_check_probe_answer(uint16_t transid, int fd, const dp_peer_addr* from, const uint8_t* msg,
+                             uint16_t len) {
+    if (transid == 0) return -1;
+    for (const servset* set = monitor_list; set != nullptr; set = set->next) {
+        if (set->active.transid == transid)
+            return dpio_check_answer(&set->active.expect, fd, from, msg, len);
+        if (set->backup.transid == transid)
+            return dpio_check_answer(&set->backup.expect, fd, from, msg, len);
+    }
+    return -1;
 }

@@ -5,7 +5,9 @@ each query as its mode says, recording every query as one JSON line.
     responder.py --addr 198.51.100.53 --mode answer --log queries.jsonl [--a 203.0.113.7]
 
 Modes: answer (one A/AAAA record per query, TTL --ttl), empty (NOERROR, no records), servfail,
-silent (records, never answers), delay (answers after --delay seconds).
+silent (records, never answers), delay (answers after --delay seconds), forge (first answers
+from --forge-from and from port 5353 with 203.0.113.66, and with another question, then the real
+answer after --delay seconds).
 """
 import argparse
 import json
@@ -24,7 +26,7 @@ def build_answer(query, args):
     resp = dns.message.make_response(query)
     if args.mode == "servfail":
         resp.set_rcode(dns.rcode.SERVFAIL)
-    elif args.mode in ("answer", "delay") and query.question:
+    elif args.mode in ("answer", "delay", "forge") and query.question:
         q = query.question[0]
         if q.rdtype == dns.rdatatype.A:
             resp.answer.append(dns.rrset.from_text(q.name, args.ttl, "IN", "A", *args.a))
@@ -33,16 +35,32 @@ def build_answer(query, args):
     return resp.to_wire()
 
 
+def forge(sock, query, peer, args, family):
+    """What an off-path host sends: the right id from another address and another port, and
+    from the right place an answer to another question."""
+    fake = argparse.Namespace(mode="answer", ttl=args.ttl, a=["203.0.113.66"], aaaa=["2001:db8:3::66"])
+    wire = build_answer(query, fake)
+    for addr, port in ((args.forge_from, 53), (args.addr, 5353)):
+        with socket.socket(family, socket.SOCK_DGRAM) as s:
+            s.bind((addr, port))
+            s.sendto(wire, peer)
+    other = dns.message.make_query("other." + query.question[0].name.to_text(), query.question[0].rdtype)
+    other.id = query.id
+    sock.sendto(build_answer(other, fake), peer)
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("--addr", required=True)
     p.add_argument("--port", type=int, default=53)
-    p.add_argument("--mode", default="answer", choices=["answer", "empty", "servfail", "silent", "delay"])
+    p.add_argument("--mode", default="answer",
+                   choices=["answer", "empty", "servfail", "silent", "delay", "forge"])
     p.add_argument("--log", required=True)
     p.add_argument("--a", action="append", default=None)
     p.add_argument("--aaaa", action="append", default=None)
     p.add_argument("--ttl", type=int, default=300)
     p.add_argument("--delay", type=float, default=0.0)
+    p.add_argument("--forge-from")
     args = p.parse_args()
     args.a = args.a or ["203.0.113.7"]
     args.aaaa = args.aaaa or ["2001:db8:3::7"]
@@ -67,7 +85,9 @@ def main():
         if query is None or args.mode == "silent":
             continue
         wire = build_answer(query, args)
-        if args.mode == "delay":
+        if args.mode == "forge":
+            forge(sock, query, peer, args, family)
+        if args.mode in ("delay", "forge"):
             threading.Timer(args.delay, sock.sendto, (wire, peer)).start()
         else:
             sock.sendto(wire, peer)
