@@ -20,14 +20,15 @@
 // expression of type void, so a void function can check and return in one statement.
 #define FUZZ_CHECK(cond) ((cond) ? void() : __builtin_trap())
 
-// Once per process (from LLVMFuzzerInitialize): a private DNSPROXY_ROOT with the given folders, the
-// server sets as start-up builds them, and every trace of every module on, so that each format runs
-// with fuzzed arguments (a "%s" of a name that lost its NUL is caught here). The lines go to
-// /dev/null: only the C stream is pointed elsewhere; libFuzzer keeps its own copy of the original
-// stream and the sanitizers write to descriptor 2.
+// Once per process (from LLVMFuzzerInitialize): a private DNSPROXY_ROOT with the given folders
+// (none made for a target without folders: its root does not exist), the server sets as start-up
+// builds them, and every trace of every module on, so that each format runs with fuzzed arguments
+// (a "%s" of a name that lost its NUL is caught here). The lines go to /dev/null: only the C stream
+// is pointed elsewhere; libFuzzer keeps its own copy of the original stream and the sanitizers
+// write to descriptor 2.
 inline int fuzz_set_up(std::initializer_list<const char*> folders = {}) {
     static char root[] = "/tmp/dnsproxy-fuzz-XXXXXX";
-    if (mkdtemp(root) == nullptr) std::abort();
+    if (folders.size() > 0 && mkdtemp(root) == nullptr) std::abort();
     setenv("DNSPROXY_ROOT", root, 1);
     for (const char* folder : folders)
         mkdir((std::string(root) + folder).c_str(), 0700);
