@@ -1,11 +1,8 @@
 // Any bytes as a message holding a name: measure and decode it at two positions into buffers of
 // exactly the capacity given (so a write past the capacity is caught), and encode the bytes as a
 // dotted text.
-#include <cstdint>
-#include <cstring>
 #include <vector>
 
-#include "endec/dpendec.h"
 #include "fuzz_common.h"
 
 namespace {
@@ -19,32 +16,26 @@ void decode_at(const uint8_t* data, uint16_t size, uint16_t pos) {
         const int d = dpendec_parse_domain_name(data + pos, data, size, out.data(), cap);
         FUZZ_CHECK(d <= 0 && d >= -6);
         // A name that decodes is terminated and within the capacity (less the last byte).
-        if (d == 0) FUZZ_CHECK(strnlen(out.data(), cap) + 1 < cap || strnlen(out.data(), cap) == 0);
+        if (d == 0) FUZZ_CHECK(strnlen(out.data(), cap) + 1 < cap || out[0] == '\0');
         // A name measured to a zero byte without pointers decodes unless it does not fit.
         if (m == 0 && d != 0) FUZZ_CHECK(d == -3 || d == -6);
     }
 }
 
 void encode(const uint8_t* data, size_t size) {
-    std::vector<char> text(data, data + size);
-    text.push_back('\0');
-    const size_t len = strlen(text.data());
+    const std::string text(reinterpret_cast<const char*>(data),
+                           strnlen(reinterpret_cast<const char*>(data), size));
     uint8_t wire[DPENDEC_NAME_SIZE];
-    const int n = compose_dname(text.data(), wire);
-    if (len > 254) {
-        FUZZ_CHECK(n == 0);
-        return;
-    }
-    const bool trailing_dot = len > 0 && text[len - 1] == '.';
-    FUZZ_CHECK(n == (len == 0 ? 1 : static_cast<int>(len) + (trailing_dot ? 1 : 2)));
-    FUZZ_CHECK(wire[n - 1] == 0);
+    const int n = compose_dname(text.c_str(), wire);
+    const size_t len = text.size();
+    const int want = len > 254 ? 0 : len == 0 ? 1 : int(len) + (text.back() == '.' ? 1 : 2);
+    FUZZ_CHECK(n == want && (n == 0 || wire[n - 1] == 0));
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_quiet_traces();
-    return 0;
+    return fuzz_set_up();
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

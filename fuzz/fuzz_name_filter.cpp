@@ -1,61 +1,37 @@
-// Fuzzes the name-filter reader ("/etc/dns_prefix.conf"): each input is the file. The loaded
-// entries are checked against what a line can produce, each entry must match the names its
-// mode promises, and the input itself is classified as a query name under every forwarding
-// switch.
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <string>
-
-#include "classify_fuzz.h"
+// The name-filter reader ("/etc/dns_prefix.conf"): each input is the file. Every entry must be
+// what one line can give and must match the names its mode promises; the input itself is then
+// classified as a query name under each forwarding switch.
 #include "config/dpcfg.h"
-#include "server/dpsvr.h"
+#include "fuzz_common.h"
 
 namespace {
 
-// One token of a line: not empty, no delimiter, no line end.
-bool is_token(const char* s, size_t max) {
-    const size_t n = strnlen(s, max + 1);
-    return n > 0 && n <= max && std::strpbrk(s, " \t\r\n") == nullptr;
-}
-
 void check_entry(const name_filter* e) {
-    FUZZ_CHECK(is_token(e->name, 255));
-    for (const char* p = e->name; *p != '\0'; ++p)
-        FUZZ_CHECK(*p < 'A' || *p > 'Z');
-    FUZZ_CHECK(is_token(e->service, 127));
-    FUZZ_CHECK(e->mask == dpsvr_get_service_mask_by_name(e->service));
-    FUZZ_CHECK((e->mask & ~0xFu) == 0);
-}
-
-int classify(const std::string& name, uint16_t* mask) {
-    return get_service_mask_without_ipaddr(name.c_str(), mask);
-}
-
-// A name the entry matches by its mode, when one is easy to build: some entry then matches.
-void check_promise(const name_filter* e) {
+    FUZZ_CHECK(fuzz_is_token(e->name, 255) && fuzz_is_token(e->service, 127));
+    FUZZ_CHECK(std::none_of(e->name, e->name + std::strlen(e->name),
+                            [](char c) { return c >= 'A' && c <= 'Z'; }));
+    // A name the entry matches by its mode, when one is easy to build: some entry then matches.
+    // The suffix rule tries the first occurrence only: "." + pattern qualifies unless the pattern
+    // also starts at the dot.
     const std::string pat = e->name;
     std::string name;
     if (e->matchMode == DPSVR_MATCH_EXACT) name = pat;
     if (e->matchMode == DPSVR_MATCH_PREFIX && pat.size() < 255) name = pat + ".";
-    // The suffix rule tries the first occurrence only: "." + pattern qualifies unless the
-    // pattern also starts at the dot.
     if (e->matchMode == DPSVR_MATCH_SUFFIX && pat.size() < 255 && pat[0] != '.') name = "." + pat;
-    if (name.empty()) return;
     uint16_t mask = 0;
-    FUZZ_CHECK(classify(name, &mask) == 1);
+    if (!name.empty()) FUZZ_CHECK(get_service_mask_without_ipaddr(name.c_str(), &mask) == 1);
     // A name equal to a prefix or suffix pattern never matches that entry.
     if (e->matchMode != DPSVR_MATCH_EXACT && dpsvr_name_filter_head() == e && e->next == nullptr)
-        FUZZ_CHECK(classify(pat, &mask) == 2 && mask == DPSVR_SERVICE_INTERNET);
+        FUZZ_CHECK(get_service_mask_without_ipaddr(e->name, &mask) == 2 &&
+                   mask == DPSVR_SERVICE_INTERNET);
 }
 
 // The input as a query name, through the set selection under each switch.
 void select_input(const uint8_t* data, size_t size) {
     dpsvr_select_request req{};
-    std::memcpy(req.name, data, size < sizeof req.name ? size : sizeof req.name);
+    std::memcpy(req.name, data, std::min(size, sizeof req.name));
     req.addr[10] = req.addr[11] = 0xFF;
-    servset* set = nullptr;
-    servset* dflt = nullptr;
+    servset *set = nullptr, *dflt = nullptr;
     dpcfg_set_using_global_dns_servers(1);
     dpcfg_apply_feature_mask(DPCFG_FEAT_NAME_FILTER_FORWARD);
     const int r1 = dpsvr_select_v4_server_sets(&req, &set, &dflt);
@@ -68,15 +44,16 @@ void select_input(const uint8_t* data, size_t size) {
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    return fuzz_set_up({"/etc", "/configs"});
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    classify_fuzz_set_up();
-    classify_fuzz_write("/etc/dns_prefix.conf", data, size);
+    fuzz_write("/etc/dns_prefix.conf", data, size);
     const int count = dpsvr_load_name_filter_db();
     int seen = 0;
-    for (const name_filter* e = dpsvr_name_filter_head(); e != nullptr; e = e->next, ++seen) {
+    for (const name_filter* e = dpsvr_name_filter_head(); e != nullptr; e = e->next, ++seen)
         check_entry(e);
-        check_promise(e);
-    }
     FUZZ_CHECK(seen == count);
     select_input(data, size);
     dpsvr_dump_filter();
