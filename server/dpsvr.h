@@ -210,8 +210,8 @@ uint32_t dpsvr_purge_name_filter_db();
 // odd last digit is ignored and bytes past 256 are dropped. Returns the entries loaded.
 int dpsvr_load_vci_db();
 // Lease file: the leases stored, or -2 (header not read), -3 (header invalid, or a record size
-// outside DPSVR_LEASE_RECORD_MIN..MAX), -4 (no memory for a record). A last record cut short
-// by the end of the file is dropped.
+// below DPSVR_LEASE_RECORD_MIN or above DPSVR_LEASE_RECORD_ANY that the file does not hold),
+// -4 (no memory for a record). A last record cut short by the end of the file is dropped.
 int dpsvr_load_lease_file();
 // The VCI table, then the lease file, whose leases are filtered by it. The lease file's result.
 int dpsvr_reload_vci_and_leases();
