@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "endec/dpendec.h"
@@ -79,8 +80,12 @@ int dpedns_update_edns_payload(uint8_t* msg, uint16_t len, const msginf* info);
 
 // The client's MAC address as text into mac (at least 18 bytes). IPv4 clients (kind 1, address
 // in the last 4 bytes) from the kernel's ARP table on "br0", upper case; IPv6 clients (kind 2)
-// from the kernel's neighbour table, asked over netlink, as "ip -6 neigh show" prints it (lower
-// case). 0 found; -1 not found or not complete. Any other kind returns 0 without writing.
+// from the kernel's neighbour table as "ip -6 neigh show" prints it (lower case): from the copy
+// of the table kept below, or from a dump of the table over netlink when the copy cannot answer.
+// 0 found; -1 not found or not complete. Any other kind returns 0 without writing.
+//
+// The first IPv6 look-up fills the copy from its dump and subscribes to the kernel's neighbour
+// notifications on a netlink socket served by the bus library's loop, which keeps it current.
 int dpedns_find_mac(const dp_peer_addr* client, char* mac);
 
 // What dpedns_neigh_next found in one datagram of a neighbour dump.
@@ -95,6 +100,44 @@ inline constexpr int DPEDNS_NEIGH_MORE = 2;  // datagram used up, the dump goes 
 // the results above, or -1 for an error answer or a message running past the datagram.
 int dpedns_neigh_next(std::span<const uint8_t> dgram, size_t* pos, uint32_t seq,
                       const uint8_t* addr, char* mac);
+
+// ---- the copy of the neighbour table --------------------------------------------------------
+
+// The IPv6 entries that "ip -6 neigh show" lists with a 6-byte link-layer address, keyed by
+// address and interface, in a fixed open-addressing table that is never more than half full.
+// DPEDNS_NEIGH_CACHE_MAX is the kernel's default limit of IPv6 neighbours (gc_thresh3); one entry
+// more sets overflow, and the copy cannot answer until it is filled anew.
+inline constexpr size_t DPEDNS_NEIGH_CACHE_MAX = 1024;
+inline constexpr size_t DPEDNS_NEIGH_CACHE_SLOTS = 2 * DPEDNS_NEIGH_CACHE_MAX;
+
+struct dpedns_neigh_slot {
+    uint8_t addr[16];
+    int32_t ifindex; // 0: a free slot (the kernel numbers interfaces from 1)
+    char mac[DPEDNS_MAC_TEXT_SIZE];
+};
+
+struct dpedns_neigh_cache {
+    uint64_t seed; // of the address hash, so that LAN hosts cannot choose colliding addresses
+    uint32_t count;
+    bool overflow;
+    dpedns_neigh_slot slots[DPEDNS_NEIGH_CACHE_SLOTS];
+};
+
+void dpedns_neigh_cache_clear(dpedns_neigh_cache* cache, uint64_t seed);
+
+// Applies one datagram of neighbour messages to the copy: the answer to the dump of sequence
+// number *seq, or notifications (seq empty: any sequence number). An RTM_NEWNEIGH that the
+// listing shows with a 6-byte address adds or replaces the entry of its address and interface;
+// any other RTM_NEWNEIGH and every RTM_DELNEIGH removes it. Proxy entries are a table of their
+// own and are passed over. Results as dpedns_neigh_next.
+int dpedns_neigh_cache_apply(dpedns_neigh_cache* cache, std::span<const uint8_t> dgram,
+                             std::optional<uint32_t> seq);
+
+// The MAC text of addr (16 bytes) into mac (18 bytes): 0 when one entry has the address, -1 when
+// none has, DPEDNS_NEIGH_UNSURE when the copy cannot tell: it overflowed, or the address has
+// entries on several interfaces (the listing's order, which the copy does not know, decides).
+inline constexpr int DPEDNS_NEIGH_UNSURE = 3;
+int dpedns_neigh_cache_find(const dpedns_neigh_cache* cache, const uint8_t* addr, char* mac);
 
 // Adds the client's MAC option to a query that dpedns_is_valid_edns_rr accepted. msg is the
 // query's 2048-byte buffer holding *len bytes, info its parsed view, backup an untouched copy of

@@ -81,12 +81,15 @@ def test_client_mac_from_the_neighbour_table_is_what_its_listing_shows(lab):
                                                 "nud", *state.split()]), check=True)
     listing = subprocess.run(lab.exec_argv("gw", ["ip", "-6", "neigh", "show"]), capture_output=True, text=True,
                              check=True).stdout
-    for addr, _, listed in NEIGHBOUR_CASES:
+    # Twice in one process: the first look-up fills the copy of the table from its dump, the
+    # others are answered from the copy.
+    cases = NEIGHBOUR_CASES * 2
+    out, _, _ = tool(lab, "find_mac", *(addr for addr, _, _ in cases))
+    for (addr, _, listed), got in zip(cases, out.splitlines(), strict=True):
         shown = [f[4] for f in map(str.split, listing.splitlines())
                  if len(f) >= 5 and f[0] == addr and len(f[4]) == 17 and f[4].count(":") == 5]
         assert bool(shown) == listed, listing
-        out, _, _ = tool(lab, "find_mac", addr)
-        assert out == (f"ret=0 mac={shown[-1]}\n" if shown else "ret=-1 mac=\n"), listing
+        assert got == (f"ret=0 mac={shown[-1]}" if shown else "ret=-1 mac="), listing
 
 
 def test_incomplete_or_missing_arp_entry_gives_no_mac(lab):

@@ -6,7 +6,7 @@ from concurrent.futures import ThreadPoolExecutor
 import dns.message
 import pytest
 
-from lab import GW_LAN_V4, GW_LAN_V6, LAN_MAC, WAN_V4
+from lab import GW_LAN_V4, GW_LAN_V6, LAN_MAC, LAN_V6, WAN_V4, run
 
 UP1, UP2, KNOT = WAN_V4
 
@@ -213,5 +213,20 @@ def test_edns_switched_off_while_a_query_waits_still_cleans_its_answer(lab):
 def test_client_mac_option_over_ipv6_uses_the_neighbour_table(lab):
     up = lab.start_responder(UP1)
     start(lab, files={"/etc/resolv.conf": resolv(UP1)}, args=("-f", "80"))
-    lab.query("mac6.example.test", server=GW_LAN_V6)
-    assert sent_opt(up) == (523, [(0xFE31, LAN_MAC.lower().encode())])
+
+    def option_sent():
+        lab.query("mac6.example.test", server=GW_LAN_V6)
+        return sent_opt(up)
+
+    assert option_sent() == (523, [(0xFE31, LAN_MAC.lower().encode())])
+    # The running daemon follows the gateway's table: the client's entry changed (the client takes
+    # the new MAC too, so that the answers still reach it), then removed (that query leaves
+    # without the option, and its answer makes the gateway learn the client anew).
+    other = "02:00:5e:ab:cd:6f"
+    run(lab.exec_argv("lan", ["ip", "link", "set", "lan0", "address", other]))
+    run(lab.exec_argv("gw", ["ip", "-6", "neigh", "replace", LAN_V6, "lladdr", other, "dev", "br0", "nud",
+                             "permanent"]))
+    assert option_sent() == (523, [(0xFE31, other.encode())])
+    run(lab.exec_argv("gw", ["ip", "-6", "neigh", "del", LAN_V6, "dev", "br0"]))
+    assert option_sent() == (None, [])
+    assert option_sent() == (523, [(0xFE31, other.encode())])
