@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -82,11 +83,208 @@ bool entry_matches(const cache_entry* e, const char* key, uint32_t type, const c
     return same_text(e->val, val);
 }
 
+// ---- the index beside each of the four lists --------------------------------------------------
+//
+// The lists keep the defined order (newest first) for the dumps and the find rules; beside each,
+// a hash index by (name, type) and by (value, type), both without regard to case, and the chain
+// of the web-GUI host name's own entries, answer find_cache without walking the list: among the
+// entries that satisfy a rule, the one nearest the head is the one added last.
+
+struct index_link {
+    index_link* next;
+    uint32_t hash;
+};
+
+struct list_index;
+
+// What an entry carries for the index, in its own allocation, right before the record.
+struct entry_extra {
+    list_index* owner; // the indexed list the entry is in; null for any other list
+    uint64_t seq;      // order of addition: the larger, the nearer the list's head
+    index_link by_name;
+    index_link by_val;
+    index_link webgui;
+};
+static_assert(sizeof(entry_extra) % alignof(cache_entry) == 0);
+
+struct list_index {
+    cache_entry** list;
+    index_link** names;
+    index_link** vals;
+    size_t nbuckets;
+    size_t count;
+    index_link* webgui;
+    bool walked; // the index could not grow (no memory): the list is walked until purged
+};
+
+constexpr size_t kMinBuckets = 64;
+
+list_index indexes[] = {{&dpcache_d2a_list, nullptr, nullptr, 0, 0, nullptr, false},
+                        {&dpcache_hosts_list, nullptr, nullptr, 0, 0, nullptr, false},
+                        {&dpcache_dyn_list, nullptr, nullptr, 0, 0, nullptr, false},
+                        {&dpcache_d2d_list, nullptr, nullptr, 0, 0, nullptr, false}};
+uint64_t next_seq = 0;
+
+entry_extra* extra_of(const cache_entry* e) {
+    return reinterpret_cast<entry_extra*>(
+        const_cast<char*>(reinterpret_cast<const char*>(e) - sizeof(entry_extra)));
+}
+
+// The entry of a chain link, the link being the member at offset at of the entry's extra.
+template <size_t at>
+cache_entry* entry_of(index_link* l) {
+    auto* x = reinterpret_cast<entry_extra*>(reinterpret_cast<char*>(l) - at);
+    return reinterpret_cast<cache_entry*>(x + 1);
+}
+
+// FNV-1a over the text's letters in lower case, mixed with the type.
+uint32_t text_hash(const char* s, uint32_t type) {
+    uint32_t h = 2166136261u;
+    for (; *s != '\0'; ++s) {
+        const auto c = static_cast<unsigned char>(*s);
+        h = (h ^ (c >= 'A' && c <= 'Z' ? c | 0x20u : c)) * 16777619u;
+    }
+    return h ^ (type * 0x9E3779B1u);
+}
+
+list_index* index_of_list(cache_entry** list) {
+    for (auto& idx : indexes) {
+        if (idx.list == list) return &idx;
+    }
+    return nullptr;
+}
+
+// The index of the list whose head this is; null for an empty or unindexed list.
+list_index* index_of_head(const cache_entry* head) {
+    for (auto& idx : indexes) {
+        if (head != nullptr && *idx.list == head) return &idx;
+    }
+    return nullptr;
+}
+
+void push(index_link** bucket, index_link* l, uint32_t hash) {
+    l->hash = hash;
+    l->next = *bucket;
+    *bucket = l;
+}
+
+void unchain(index_link** bucket, const index_link* l) {
+    for (index_link** at = bucket; *at != nullptr; at = &(*at)->next) {
+        if (*at == l) {
+            *at = l->next;
+            return;
+        }
+    }
+}
+
+void chain_entry(list_index& idx, cache_entry* e) {
+    entry_extra* x = extra_of(e);
+    const size_t mask = idx.nbuckets - 1;
+    const uint32_t hn = text_hash(e->name, e->type);
+    const uint32_t hv = text_hash(e->val, e->type);
+    push(&idx.names[hn & mask], &x->by_name, hn);
+    push(&idx.vals[hv & mask], &x->by_val, hv);
+    if (same_text(e->name, DPCFG_WEBGUI_HOST_NAME)) push(&idx.webgui, &x->webgui, 0);
+}
+
+// Bucket arrays of n entries each (a power of two), every indexed entry chained again. False
+// when there is no memory: the index then stays as it was.
+bool rebuild(list_index& idx, size_t n) {
+    auto** names = static_cast<index_link**>(std::calloc(n, sizeof(index_link*)));
+    auto** vals = static_cast<index_link**>(std::calloc(n, sizeof(index_link*)));
+    if (names == nullptr || vals == nullptr) {
+        std::free(names);
+        std::free(vals);
+        return false;
+    }
+    std::free(idx.names);
+    std::free(idx.vals);
+    idx.names = names;
+    idx.vals = vals;
+    idx.nbuckets = n;
+    idx.webgui = nullptr;
+    // Chained oldest first, so that each chain keeps the newest entry in front.
+    cache_entry* last = *idx.list;
+    while (last != nullptr && last->next != nullptr)
+        last = last->next;
+    for (cache_entry* e = last; e != nullptr; e = e->prev) {
+        if (extra_of(e)->owner == &idx) chain_entry(idx, e);
+    }
+    return true;
+}
+
+// An entry just linked at the head of an indexed list. Without memory for the index the list
+// goes on unindexed (find_cache walks it).
+void index_insert(list_index& idx, cache_entry* e) {
+    if (idx.walked) return;
+    if (idx.count + 1 > idx.nbuckets && !rebuild(idx, std::max(kMinBuckets, 2 * idx.nbuckets))) {
+        idx.walked = true;
+        return;
+    }
+    entry_extra* x = extra_of(e);
+    x->owner = &idx;
+    x->seq = ++next_seq;
+    chain_entry(idx, e);
+    idx.count++;
+}
+
+void index_remove(list_index& idx, cache_entry* e) {
+    entry_extra* x = extra_of(e);
+    const size_t mask = idx.nbuckets - 1;
+    unchain(&idx.names[x->by_name.hash & mask], &x->by_name);
+    unchain(&idx.vals[x->by_val.hash & mask], &x->by_val);
+    unchain(&idx.webgui, &x->webgui);
+    x->owner = nullptr;
+    idx.count--;
+}
+
+void index_clear(list_index& idx) {
+    std::free(idx.names);
+    std::free(idx.vals);
+    idx.names = idx.vals = nullptr;
+    idx.nbuckets = idx.count = 0;
+    idx.webgui = nullptr;
+    idx.walked = false;
+}
+
+// find_cache's rules through the index: the newest entry that satisfies any of them.
+cache_entry* find_indexed(const list_index& idx, const char* key, uint32_t type, const char* val) {
+    cache_entry* best = nullptr;
+    auto consider = [&](cache_entry* e) {
+        if (best == nullptr || extra_of(e)->seq > extra_of(best)->seq) best = e;
+    };
+    const size_t mask = idx.nbuckets - 1;
+    if (key != nullptr) {
+        const uint32_t h = text_hash(key, type);
+        for (index_link* l = idx.names[h & mask]; l != nullptr; l = l->next) {
+            cache_entry* e = entry_of<offsetof(entry_extra, by_name)>(l);
+            if (l->hash == h && e->type == type && same_text(e->name, key)) consider(e);
+        }
+        if (contains_webgui_name(key)) {
+            for (index_link* l = idx.webgui; l != nullptr; l = l->next) {
+                cache_entry* e = entry_of<offsetof(entry_extra, webgui)>(l);
+                if (e->type == type) consider(e);
+            }
+        }
+    }
+    if (val != nullptr) {
+        const uint32_t h = text_hash(val, type);
+        for (index_link* l = idx.vals[h & mask]; l != nullptr; l = l->next) {
+            cache_entry* e = entry_of<offsetof(entry_extra, by_val)>(l);
+            if (l->hash == h && e->type == type && same_text(e->val, val)) consider(e);
+        }
+    }
+    return best;
+}
+
 cache_entry* new_entry(const char* key, uint32_t type, const char* val, uint32_t expiry) {
     const size_t key_len = std::strlen(key);
     const size_t val_len = std::strlen(val);
-    auto* e = static_cast<cache_entry*>(std::malloc(sizeof(cache_entry) + key_len + val_len + 2));
-    if (e == nullptr) return nullptr;
+    auto* x = static_cast<entry_extra*>(
+        std::malloc(sizeof(entry_extra) + sizeof(cache_entry) + key_len + val_len + 2));
+    if (x == nullptr) return nullptr;
+    x->owner = nullptr;
+    auto* e = reinterpret_cast<cache_entry*>(x + 1);
     e->prev = nullptr;
     e->next = nullptr;
     e->expiry = expiry;
@@ -95,6 +293,10 @@ cache_entry* new_entry(const char* key, uint32_t type, const char* val, uint32_t
     e->val = e->name + key_len + 1;
     std::memcpy(e->val, val, val_len + 1);
     return e;
+}
+
+void free_entry(cache_entry* e) {
+    std::free(extra_of(e));
 }
 
 void link_at_head(cache_entry** list, cache_entry* e) {
@@ -125,10 +327,15 @@ uint32_t remove_stale_dyn_entries(uint32_t now) {
 
 cache_entry* find_cache(cache_entry* list, const char* key, uint32_t type, const char* val) {
     cache_entry* found = nullptr;
-    for (cache_entry* e = list; e != nullptr; e = e->next) {
-        if (entry_matches(e, key, type, val)) {
-            found = e;
-            break;
+    if (const list_index* idx = index_of_head(list);
+        idx != nullptr && idx->nbuckets != 0 && !idx->walked) {
+        found = find_indexed(*idx, key, type, val);
+    } else {
+        for (cache_entry* e = list; e != nullptr; e = e->next) {
+            if (entry_matches(e, key, type, val)) {
+                found = e;
+                break;
+            }
         }
     }
     DPCACH_TRACE(DP_DETAIL, "list=%p key=%s type=%u val=%s ret_entry=%p\n",
@@ -153,6 +360,7 @@ int add_cache(cache_entry** list, const char* key, uint32_t type, const char* va
             ret = -4;
         } else {
             link_at_head(list, e);
+            if (list_index* idx = index_of_list(list); idx != nullptr) index_insert(*idx, e);
         }
     }
     DPCACH_TRACE(DP_DETAIL, "key=%s type=%u val=%s expiry=%d ret=%d\n", text_or_null(key), type,
@@ -162,10 +370,13 @@ int add_cache(cache_entry** list, const char* key, uint32_t type, const char* va
 
 int remove_cache(cache_entry** list, cache_entry* entry) {
     if (list == nullptr || *list == nullptr || entry == nullptr) return -1;
-    // Unlinking an entry of another list would corrupt both.
-    if (!is_in_list(*list, entry)) return -1;
+    // Unlinking an entry of another list would corrupt both. An indexed entry knows its list.
+    list_index* idx = index_of_list(list);
+    list_index* owner = extra_of(entry)->owner;
+    if (owner != nullptr ? owner != idx : !is_in_list(*list, entry)) return -1;
+    if (owner != nullptr) index_remove(*owner, entry);
     unlink_entry(list, entry);
-    std::free(entry);
+    free_entry(entry);
     return 1;
 }
 
@@ -174,11 +385,12 @@ uint32_t purge_cache_list(cache_entry** list) {
     if (list != nullptr) {
         for (cache_entry* e = *list; e != nullptr;) {
             cache_entry* const next = e->next;
-            std::free(e);
+            free_entry(e);
             e = next;
             ++count;
         }
         *list = nullptr;
+        if (list_index* idx = index_of_list(list); idx != nullptr) index_clear(*idx);
     }
     DPCACH_TRACE(DP_DETAIL, "%u records are purged\n", count);
     return count;
