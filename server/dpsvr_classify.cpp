@@ -7,10 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
 #include "server/dpsvr.h"
+#include "server/dpsvr_internal.h"
 
 namespace {
 
@@ -88,6 +91,100 @@ bool filter_matches(const char* caller, const name_filter* e, const lowered_name
     default:
         return false;
     }
+}
+
+// ---- the name filter's index --------------------------------------------------------------------
+//
+// Every entry of the three match modes is hashed by its pattern, a suffix pattern by its text read
+// backwards: a query name then finds its candidates with one hash step per character (its
+// prefixes, its suffixes, itself), whatever the number of entries, and only the candidates are
+// tested the way the list walk tests them. The answer is the first candidate in list order.
+
+struct filter_node {
+    const name_filter* entry;
+    uint32_t position; // in the list, from 0
+    uint32_t hash;
+    uint32_t len;
+    int32_t next; // next node of the bucket, -1 at the end
+};
+
+struct filter_index {
+    std::vector<filter_node> nodes;
+    std::vector<int32_t> buckets[3]; // by match mode: prefix, suffix, exact
+    size_t mask = 0;
+};
+
+filter_index filter_idx;
+
+// More candidates than this (a pattern listed very many times) and the list is walked instead.
+constexpr size_t kMaxCandidates = 64;
+
+constexpr uint32_t kHashStart = 2166136261u;
+uint32_t hash_step(uint32_t h, char c) {
+    return (h ^ static_cast<unsigned char>(c)) * 16777619u;
+}
+
+uint32_t pattern_hash(const char* s, size_t len, bool backwards) {
+    uint32_t h = kHashStart;
+    for (size_t i = 0; i < len; ++i)
+        h = hash_step(h, backwards ? s[len - 1 - i] : s[i]);
+    return h;
+}
+
+struct candidates {
+    const name_filter* entry[kMaxCandidates];
+    uint32_t position[kMaxCandidates];
+    size_t n = 0;
+    bool overflow = false;
+};
+
+// Every node of the mode's bucket with this hash and pattern (of len characters at text).
+void collect(const filter_index& idx, uint32_t mode, uint32_t h, const char* text, size_t len,
+             const lowered_name& q, candidates* out) {
+    for (int32_t i = idx.buckets[mode][h & idx.mask]; i >= 0; i = idx.nodes[i].next) {
+        const filter_node& n = idx.nodes[static_cast<size_t>(i)];
+        if (n.hash != h || n.len != len || std::memcmp(n.entry->name, text, len) != 0) continue;
+        // A suffix counts only as the pattern's first occurrence in the name.
+        if (mode == DPSVR_MATCH_SUFFIX && std::strstr(q.s, n.entry->name) != text) continue;
+        if (out->n == kMaxCandidates) {
+            out->overflow = true;
+            return;
+        }
+        out->entry[out->n] = n.entry;
+        out->position[out->n++] = n.position;
+    }
+}
+
+// The entries that match the name, in list order; false when the index cannot say (none built,
+// or too many candidates): the caller walks the list.
+bool indexed_matches(const lowered_name& q, candidates* out) {
+    const filter_index& idx = filter_idx;
+    if (idx.mask == 0 || q.len == 0) return idx.mask != 0;
+    uint32_t h = kHashStart;
+    for (size_t len = 1; len < q.len; ++len) { // prefixes shorter than the name
+        h = hash_step(h, q.s[len - 1]);
+        collect(idx, DPSVR_MATCH_PREFIX, h, q.s, len, q, out);
+    }
+    collect(idx, DPSVR_MATCH_EXACT, hash_step(h, q.s[q.len - 1]), q.s, q.len, q, out);
+    h = kHashStart;
+    for (size_t at = q.len - 1; at >= 1; --at) { // suffixes not at the start
+        h = hash_step(h, q.s[at]);
+        collect(idx, DPSVR_MATCH_SUFFIX, h, q.s + at, q.len - at, q, out);
+    }
+    if (out->overflow) return false;
+    // In list order (insertion sort: the candidates are few).
+    for (size_t i = 1; i < out->n; ++i) {
+        for (size_t j = i; j > 0 && out->position[j - 1] > out->position[j]; --j) {
+            std::swap(out->position[j - 1], out->position[j]);
+            std::swap(out->entry[j - 1], out->entry[j]);
+        }
+    }
+    return true;
+}
+
+// The trace lines of the walk name every entry tested: with them on, the list is walked.
+bool use_index() {
+    return !DP_TRACE_ON(DP_MOD_SERVER, DP_DETAIL);
 }
 
 // The service mask of the client's vendor class: 0 without a lease or a VCI entry for it.
@@ -228,9 +325,15 @@ uint16_t dpsvr_get_service_mask_by_name(const char* service) {
 
 int get_service_mask_without_ipaddr(const char* qname, uint16_t* mask) {
     const lowered_name q = lower_qname(qname);
-    const name_filter* e = dpsvr_name_filter_head();
-    while (e != nullptr && !filter_matches(__func__, e, q))
-        e = e->next;
+    const name_filter* e = nullptr;
+    candidates found;
+    if (use_index() && indexed_matches(q, &found)) {
+        e = found.n > 0 ? found.entry[0] : nullptr;
+    } else {
+        e = dpsvr_name_filter_head();
+        while (e != nullptr && !filter_matches(__func__, e, q))
+            e = e->next;
+    }
     const int matched = e != nullptr ? 1 : 0;
     *mask = matched != 0 ? e->mask : static_cast<uint16_t>(DPSVR_SERVICE_INTERNET);
     DPSERV_TRACE(DP_DETAIL, "qname=%s namemask=0x%x matched=%d\n", q.s, *mask, matched);
@@ -244,8 +347,13 @@ int get_service_mask(const uint8_t* client_addr, const char* qname, uint16_t* ma
     // 2. The first matching entry whose service the client may use decides.
     const lowered_name q = lower_qname(qname);
     bool matched_any = false;
-    for (const name_filter* e = dpsvr_name_filter_head(); e != nullptr; e = e->next) {
-        const bool matched = filter_matches(__func__, e, q);
+    candidates found;
+    const bool indexed = use_index() && indexed_matches(q, &found);
+    size_t next = 0;
+    for (const name_filter* e = indexed ? nullptr : dpsvr_name_filter_head();
+         indexed ? next < found.n : e != nullptr; e = indexed ? e : e->next) {
+        if (indexed) e = found.entry[next++];
+        const bool matched = indexed || filter_matches(__func__, e, q);
         DPSERV_TRACE(DP_DETAIL, "qname=%s src=0x%x namemask=0x%x srcmask=0x%x matched=%d\n", q.s,
                      src, e->mask, srcmask, matched ? 1 : 0);
         if (!matched) continue;
@@ -406,4 +514,29 @@ void dpsvr_dump_filter() {
     std::fputc('\n', stderr);
     dump_leases();
     std::fputs(kEqualsRule, stderr);
+}
+
+void dpsvr_index_name_filter() {
+    filter_index idx;
+    uint32_t position = 0;
+    for (const name_filter* e = dpsvr_name_filter_head(); e != nullptr; e = e->next, ++position) {
+        if (e->matchMode > DPSVR_MATCH_EXACT) continue; // never matches
+        const size_t len = strnlen(e->name, sizeof e->name);
+        idx.nodes.push_back({e, position,
+                             pattern_hash(e->name, len, e->matchMode == DPSVR_MATCH_SUFFIX),
+                             static_cast<uint32_t>(len), -1});
+    }
+    size_t n = 16;
+    while (n < 2 * idx.nodes.size())
+        n *= 2;
+    for (auto& b : idx.buckets)
+        b.assign(n, -1);
+    idx.mask = n - 1;
+    for (size_t i = 0; i < idx.nodes.size(); ++i) {
+        filter_node& node = idx.nodes[i];
+        int32_t& head = idx.buckets[node.entry->matchMode][node.hash & idx.mask];
+        node.next = head;
+        head = static_cast<int32_t>(i);
+    }
+    filter_idx = std::move(idx);
 }

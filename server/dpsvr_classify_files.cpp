@@ -13,6 +13,7 @@
 #include "main/dputl.h"
 #include "platform/kutl/kutl.h"
 #include "server/dpsvr.h"
+#include "server/dpsvr_internal.h"
 
 namespace {
 
@@ -234,13 +235,16 @@ const vci_entry* dpsvr_vci_head() {
 
 uint32_t dpsvr_purge_name_filter_db() {
     const uint32_t count = free_list(filters);
+    dpsvr_index_name_filter();
     DPSERV_TRACE(DP_WARN, "%u name filter are purged\n", count);
     return count;
 }
 
 int dpsvr_load_name_filter_db() {
     dpsvr_purge_name_filter_db();
-    return read_table_file(kNameFilterFile, kNameFilterLine, add_name_filter_line);
+    const int loaded = read_table_file(kNameFilterFile, kNameFilterLine, add_name_filter_line);
+    dpsvr_index_name_filter();
+    return loaded;
 }
 
 int dpsvr_load_vci_db() {

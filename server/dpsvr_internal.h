@@ -11,3 +11,6 @@ void dpsvr_reset_monitor_list();
 void dpsvr_reset_probing(servset* set);
 // Puts the set on the monitor list (at the head, once) with its active monitor due in 1 s.
 void dpsvr_join_monitor_list(servset* set);
+
+// Rebuilds the name filter's index from the list as it now stands (after a load or a purge).
+void dpsvr_index_name_filter();
