@@ -1,4 +1,4 @@
-"""Start-up, PID file, options, signals and the log configuration of the running daemon."""
+# Start-up, PID file, options, signals and the log configuration of the running daemon.
 
 import os
 import re
@@ -29,17 +29,22 @@ def test_help_prints_usage_and_exits_1(lab):
     assert not (lab.root / "etc/dnsproxy_pid").exists()  # -h ends before the PID file
 
 
-@pytest.mark.parametrize("signo", [signal.SIGTERM, signal.SIGINT])
-def test_pid_file_and_termination_by_signal(lab, signo):
+# SIGTERM and SIGINT end the daemon with 255, the PID file left in place; the first SIGSEGV only
+# restores the default action, the second kills it.
+@pytest.mark.parametrize("signo", [signal.SIGTERM, signal.SIGINT, signal.SIGSEGV])
+def test_pid_file_and_signals(lab, signo):
     d = lab.start_dnsproxy()
     assert lab.read("/etc/dnsproxy_pid") == str(d.pid)
     assert d.stderr().startswith(f"\ndnsproxy is started with pid={d.pid}\n")
+    assert "is saved to" not in d.stderr()  # the default masks show no detail lines
     d.signal(signo)
-    assert d.wait() == 255
-    log = d.stderr()
-    assert re.search(rf"DPMAIN handle_signal:\d+ signo={int(signo)}\n", log)
-    assert log.endswith(f"\ndnsproxy preexit with pid={d.pid}\n")
-    assert lab.read("/etc/dnsproxy_pid") == str(d.pid)  # left in place
+    if signo == signal.SIGSEGV:
+        d.wait_ready()
+        d.signal(signo)
+    assert d.wait() == (-signo if signo == signal.SIGSEGV else 255)
+    assert re.search(rf"DPMAIN handle_signal:\d+ signo={int(signo)}\n", d.stderr())
+    assert signo == signal.SIGSEGV or d.stderr().endswith(f"\ndnsproxy preexit with pid={d.pid}\n")
+    assert lab.read("/etc/dnsproxy_pid") == str(d.pid)
 
 
 def test_started_with_descriptors_0_to_2_closed(lab):
@@ -51,36 +56,15 @@ def test_started_with_descriptors_0_to_2_closed(lab):
     assert [a[3] for a in lab.query("printer.home")["answer"]] == ["192.0.2.80"]
 
 
-def test_print_configuration_and_keep_running(lab):
-    lab.write("/etc/flipla.conf", "EnableD2AFeature=yes\nServerSocketSrcPortStart=40000\n")
-    d = lab.start_dnsproxy("-P", "-f", "8", "-D", "lab.example", "-x")
-    assert d.alive()
-    log = d.stderr()
-    assert "\ncurrent configuration in the DNSPROXY\n" + "=" * 59 + "\n" in log
-    for line in ("is_d2a_feat_enabled              = 1\n",
-                 "is_dyn_cache_feat_enabled        = 1\n",
-                 "server_socket_src_port_start     = 40000\n",
-                 "domain_name                      = lab.example\n"):
-        assert line in log
-
-
-def test_log_configuration_file_is_honoured(lab):
+def test_print_configuration_options_and_the_log_configuration_file(lab):
     # Mode 3 switches on the detail lines with time stamps; the stored timestamp 0 has no say.
     lab.write("/configs/kiv_dnsproxy_log_config", "log_level=3\nlog_dest=2\ndebug_mode=3\ntimestamp=0\n")
-    d = lab.start_dnsproxy()
+    lab.write("/etc/flipla.conf", "EnableD2AFeature=yes\nServerSocketSrcPortStart=40000\n")
+    d = lab.start_dnsproxy("-P", "-f", "8", "-D", "lab.example", "-x")  # -P prints and keeps running
+    log = d.stderr()
+    assert "\ncurrent configuration in the DNSPROXY\n" + "=" * 59 + "\n" in log
+    for line in ("is_d2a_feat_enabled              = 1\n", "is_dyn_cache_feat_enabled        = 1\n",
+                 "server_socket_src_port_start     = 40000\n", "domain_name                      = lab.example\n"):
+        assert line in log
     pid_file = lab.root / "etc/dnsproxy_pid"
-    assert re.search(rf"DPMAIN save_pid:\d+ t=\d+:\d+ dnsproxy pid\({d.pid}\) is saved to {pid_file}\n", d.stderr())
-
-
-def test_default_masks_show_no_detail_lines(lab):
-    d = lab.start_dnsproxy()
-    assert "is saved to" not in d.stderr()
-
-
-def test_fault_signal_restores_default_action(lab):
-    d = lab.start_dnsproxy()
-    d.signal(signal.SIGSEGV)
-    d.wait_ready()  # still serving: the handler only restored the default action
-    assert re.search(r"DPMAIN handle_signal:\d+ signo=11\n", d.stderr())
-    d.signal(signal.SIGSEGV)
-    assert d.wait() == -signal.SIGSEGV
+    assert re.search(rf"DPMAIN save_pid:\d+ t=\d+:\d+ dnsproxy pid\({d.pid}\) is saved to {pid_file}\n", log)
