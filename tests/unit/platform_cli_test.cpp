@@ -2,103 +2,67 @@
 
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include "platform/kutl/kutl.h"
 
 namespace {
 
-// What the last handler call received: the row's name and its argument words.
-std::vector<std::string> last_call;
+// The argument words of the last handler call, as "[a,b]"; empty when no handler ran.
+std::string last_call;
 
-template <const char* Name>
 int record(int argc, const char* const* argv) {
-    last_call.assign(1, Name);
+    last_call = "[";
     for (int i = 0; i < argc; ++i)
-        last_call.emplace_back(argv[i]);
+        last_call += (i ? "," : "") + std::string(argv[i]);
+    last_call += "]";
     return 7; // not passed on
 }
 
-constexpr char kView[] = "view";
-constexpr char kViewStatistic[] = "view statistic";
-constexpr char kViewDebug[] = "view debug setting";
-constexpr char kLevel[] = "define debug level";
-constexpr char kMode[] = "define debug mode";
-constexpr char kRedirect[] = "redirect printf";
-
 const kutl_cli_cmd kTable[] = {
-    {kView, 0, {}, record<kView>},
-    {kViewStatistic, 0, {}, record<kViewStatistic>},
-    {kViewDebug, 0, {}, record<kViewDebug>},
-    {kLevel,
+    {"view", 0, {}, record},
+    {"view statistic", 0, {}, record},
+    {"view debug setting", 0, {}, record},
+    {"define debug level",
      2,
      {{KUTL_CLI_ARG_WORDS, "proxy|io|endec|"}, {KUTL_CLI_ARG_WORDS, "none|error||all|"}},
-     record<kLevel>},
-    {kMode, 1, {{KUTL_CLI_ARG_UNCHECKED, nullptr}}, record<kMode>},
-    {kRedirect, 1, {{KUTL_CLI_ARG_TEXT, nullptr}}, record<kRedirect>},
+     record},
+    {"define debug mode", 1, {{KUTL_CLI_ARG_UNCHECKED, nullptr}}, record},
+    {"redirect printf", 1, {{KUTL_CLI_ARG_TEXT, nullptr}}, record},
 };
 
-int run(const char* line) {
-    last_call.clear();
-    return kutl_process_cli_cmd(kTable, static_cast<int>(std::size(kTable)), line);
-}
-
-using Call = std::vector<std::string>;
-
-TEST(CliTable, LeadingWordsMatchWholeAndWithoutCase) {
-    EXPECT_EQ(run("view statistic"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, Call{kViewStatistic});
-    EXPECT_EQ(run("  VIEW \t Statistic\r\n"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, Call{kViewStatistic});
-    // The row with the most command words wins over the shorter "view".
-    EXPECT_EQ(run("view debug setting"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, Call{kViewDebug});
-    EXPECT_EQ(run("view"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, Call{kView});
-    // No abbreviations: "stat" is no command word, so "view" matches and gets a stray argument.
-    EXPECT_EQ(run("view stat"), KUTL_CLI_BAD_ARGS);
-    EXPECT_TRUE(last_call.empty());
-    EXPECT_EQ(run("view debug"), KUTL_CLI_BAD_ARGS);
-}
-
-TEST(CliTable, UnknownEmptyAndOversizedLinesMatchNothing) {
-    for (const char* line :
-         {"", "   \t", "help", "define", "debug level io all", "viewstatistic"}) {
-        EXPECT_EQ(run(line), KUTL_CLI_NO_MATCH) << line;
-        EXPECT_TRUE(last_call.empty()) << line;
+// A row with more words than "view" is taken over it: were "view" taken, its stray words would
+// make the line fail.
+TEST(CliTable, LeadingWordsArgumentCountsAndListedWords) {
+    const int ok = KUTL_CLI_OK, bad = KUTL_CLI_BAD_ARGS, none = KUTL_CLI_NO_MATCH;
+    const struct {
+        std::string line;
+        int ret;
+        const char* call;
+    } cases[] = {
+        {"  VIEW \t Statistic\r\n", ok, "[]"},
+        {"view debug setting", ok, "[]"},
+        {"view stat", bad, ""}, // no abbreviations
+        {"", none, ""},
+        {"viewstatistic", none, ""},
+        {"define debug level IO All", ok, "[IO,All]"}, // passed as typed
+        {"define debug level endec none", ok, "[endec,none]"},
+        {"define debug level io al", bad, ""},
+        {"define debug level cache all", bad, ""},
+        {"define debug level io", bad, ""},
+        {"define debug level io all extra", bad, ""},
+        {"define debug level | all", bad, ""},
+        {"define debug mode x7", ok, "[x7]"},
+        {"redirect printf /tmp/my  dir/out  \n", ok, "[/tmp/my  dir/out]"},
+        {"redirect printf", bad, ""},
+        {"view " + std::string(1100, 'x'), KUTL_CLI_TOO_LONG, ""},
+    };
+    for (const auto& c : cases) {
+        last_call.clear();
+        EXPECT_EQ(kutl_process_cli_cmd(kTable, static_cast<int>(std::size(kTable)), c.line.c_str()),
+                  c.ret)
+            << c.line;
+        EXPECT_EQ(last_call, c.call) << c.line;
     }
-    EXPECT_EQ(kutl_process_cli_cmd(kTable, 0, "view"), KUTL_CLI_NO_MATCH);
-    EXPECT_EQ(run(("view " + std::string(1100, 'x')).c_str()), KUTL_CLI_TOO_LONG);
-    std::string many = "view";
-    for (int i = 0; i < 40; ++i)
-        many += " w";
-    EXPECT_EQ(run(many.c_str()), KUTL_CLI_TOO_LONG);
-}
-
-TEST(CliTable, ListedWordsAreCheckedAndPassedAsTyped) {
-    EXPECT_EQ(run("define debug level IO All"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, (Call{kLevel, "IO", "All"}));
-    EXPECT_EQ(run("define debug level endec none"), KUTL_CLI_OK); // first and last listed words
-    EXPECT_EQ(last_call, (Call{kLevel, "endec", "none"}));
-    for (const char* line :
-         {"define debug level io loud", "define debug level cache all", "define debug level io al",
-          "define debug level io", "define debug level io all extra", "define debug level | all"}) {
-        EXPECT_EQ(run(line), KUTL_CLI_BAD_ARGS) << line;
-        EXPECT_TRUE(last_call.empty()) << line;
-    }
-}
-
-TEST(CliTable, UncheckedWordAndFreeTextArguments) {
-    EXPECT_EQ(run("define debug mode x7"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, (Call{kMode, "x7"}));
-    EXPECT_EQ(run("define debug mode 1 2"), KUTL_CLI_BAD_ARGS);
-    EXPECT_EQ(run("define debug mode"), KUTL_CLI_BAD_ARGS);
-    // Free text as the last argument takes the rest of the line, inner blanks kept.
-    EXPECT_EQ(run("redirect printf /dev/pts/3"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, (Call{kRedirect, "/dev/pts/3"}));
-    EXPECT_EQ(run("redirect printf /tmp/my  dir/out  \n"), KUTL_CLI_OK);
-    EXPECT_EQ(last_call, (Call{kRedirect, "/tmp/my  dir/out"}));
-    EXPECT_EQ(run("redirect printf"), KUTL_CLI_BAD_ARGS);
 }
 
 } // namespace
