@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -55,17 +54,11 @@ TEST(ActionList, TimingTriesRestartsAndUnlinking) {
     dputl_start_action(&a3, nullptr);
     EXPECT_EQ(calls, std::vector<std::string>{"start:a1"});
     define_debug_level("util", "period");
-    {
-        StderrCapture err;
-        run_until(5003);
-        char line[160];
-        std::snprintf(line, sizeof line,
-                      "DPUTIL dputl_scan_action_list: acb=%p maxTimes=0 triedTimes=3 "
-                      "nextExpiryTime=5003 curr_time=5003\n",
-                      static_cast<void*>(&a3));
-        EXPECT_NE(std::regex_replace(err.text(), std::regex(":[0-9]+ "), ": ").find(line),
-                  std::string::npos);
-    }
+    StderrCapture err;
+    run_until(5003);
+    EXPECT_TRUE(std::regex_search(err.text(), std::regex("DPUTIL dputl_scan_action_list:[0-9]+ "
+                                                         "acb=0x[0-9a-f]+ maxTimes=0 triedTimes=3 "
+                                                         "nextExpiryTime=5003 curr_time=5003\n")));
     define_debug_mode(0);
     // The start counts as the first try: maxTimes 3 makes two periodic calls, then the final.
     run_until(5019);
@@ -90,40 +83,17 @@ TEST(ActionList, TimingTriesRestartsAndUnlinking) {
     EXPECT_EQ(calls.size(), 7u);
     EXPECT_EQ(a1.nextExpiryTime, 5070u);
     EXPECT_EQ(dputl_stop_action(&a1), 1);
-    EXPECT_EQ(dputl_stop_action(&a1), -2);
-    EXPECT_EQ(dputl_action_list_head(), &a3);
     EXPECT_EQ(dputl_stop_action(&a3), 1);
     EXPECT_EQ(dputl_action_list_head(), nullptr);
 }
 
-TEST(SplitLine, FieldsAndFailures) {
-    const struct {
-        const char *line, *first, *second;
-        int ret;
-    } cases[] = {
-        {"192.0.2.1  host.example extra\n", "192.0.2.1", "host.example", 1},
-        {"\tkey\tvalue\r\nignored", "key", "value", 1},
-        {"key\rvalue", "key", nullptr, -1},
-    };
-    for (const auto& c : cases) {
-        std::string line = c.line;
-        char* fields[2] = {};
-        EXPECT_EQ(dputl_split_line(line.data(), " \t", 2, fields), c.ret) << c.line;
-        EXPECT_STREQ(fields[0], c.first);
-        EXPECT_STREQ(c.ret == 1 ? fields[1] : nullptr, c.second);
-    }
-}
-
-TEST(InterfaceReaders, LoopbackAndMissingInterface) {
-    uint32_t addr = 1, mask = 1;
-    ASSERT_EQ(dputl_get_if_ipv4_addr("lo", &addr), 0);
-    ASSERT_EQ(dputl_get_if_ipv4_netmask("lo", &mask), 0);
-    EXPECT_EQ(addr, htonl(0x7F000001));
-    EXPECT_EQ(mask, htonl(0xFF000000));
-    EXPECT_EQ(dputl_get_if_ipv4_addr("nosuchif0", &addr), -1);
-    EXPECT_EQ(addr, 0u);
-    // Names are cut at 15 characters: "lo" followed by junk is not "lo".
-    EXPECT_EQ(dputl_get_if_ipv4_netmask("lo-and-a-very-long-name", &mask), -1);
+TEST(SplitLine, ExactlyNFieldsOrFewerTokens) {
+    char line[] = "\t192.0.2.1  host.example extra\r\nignored", cut[] = "key\rvalue";
+    char* fields[2] = {};
+    EXPECT_EQ(dputl_split_line(line, " \t", 2, fields), 1);
+    EXPECT_STREQ(fields[0], "192.0.2.1");
+    EXPECT_STREQ(fields[1], "host.example");
+    EXPECT_EQ(dputl_split_line(cut, " \t", 2, fields), -1); // cut at the carriage return
 }
 
 } // namespace

@@ -99,7 +99,6 @@ class TempRoot {
         ss << in.rdbuf();
         return ss.str();
     }
-    bool exists(const std::string& path) const { return std::filesystem::exists(dir_ + path); }
     const std::string& dir() const { return dir_; }
 
   private:
