@@ -33,7 +33,12 @@ class StderrCapture {
         file_ = std::tmpfile();
         dup2(fileno(file_), STDERR_FILENO);
     }
-    ~StderrCapture() { restore(); }
+    ~StderrCapture() {
+        std::fflush(stderr);
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        std::fclose(file_);
+    }
     std::string text() {
         std::fflush(stderr);
         std::string out;
@@ -44,21 +49,13 @@ class StderrCapture {
             out.append(buf, n);
         return out;
     }
-    void restore() {
-        if (saved_ < 0) return;
-        std::fflush(stderr);
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        saved_ = -1;
-        std::fclose(file_);
-    }
 
   private:
     int saved_ = -1;
     FILE* file_ = nullptr;
 };
 
-// The monotonic clock as the tests drive it: set() and advance() move it; the destructor gives
+// The monotonic clock as the tests drive it: advance() moves it; the destructor gives
 // the real clock back.
 class DrivenClock {
   public:
@@ -67,7 +64,6 @@ class DrivenClock {
         dputl_set_time_source([] { return now(); });
     }
     ~DrivenClock() { dputl_set_time_source(nullptr); }
-    void set(uint32_t t) { now() = t; }
     void advance(uint32_t s) { now() += s; }
     uint32_t get() const { return now(); }
 
@@ -103,7 +99,6 @@ class TempRoot {
         ss << in.rdbuf();
         return ss.str();
     }
-    bool exists(const std::string& path) const { return std::filesystem::exists(dir_ + path); }
     const std::string& dir() const { return dir_; }
 
   private:
@@ -131,7 +126,7 @@ inline bool enter_private_network() {
 // A UDP server on an IPv4 loopback address and port 53 that records what arrives.
 class UdpPeer {
   public:
-    explicit UdpPeer(const char* v4addr, uint16_t port = 53) : addr_(v4addr) {
+    explicit UdpPeer(const char* v4addr, uint16_t port = 53) {
         fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
         sockaddr_in sa{};
         sa.sin_family = AF_INET;
@@ -148,26 +143,14 @@ class UdpPeer {
         if (poll(&p, 1, wait_ms) <= 0) return out;
         for (;;) {
             uint8_t buf[4096];
-            sockaddr_in6 from{};
-            socklen_t flen = sizeof from;
-            const ssize_t n =
-                recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+            const ssize_t n = recv(fd_, buf, sizeof buf, 0);
             if (n < 0) break;
             out.emplace_back(buf, buf + n);
-            last_from_ = from;
         }
         return out;
     }
-    // Sends bytes back to where the last datagram came from.
-    void reply(const std::vector<uint8_t>& bytes) {
-        sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&last_from_),
-               sizeof(sockaddr_in));
-    }
-    int fd() const { return fd_; }
 
   private:
-    std::string addr_;
     int fd_ = -1;
     bool ok_ = false;
-    sockaddr_in6 last_from_{};
 };
