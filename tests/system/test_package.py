@@ -37,12 +37,8 @@ def build_package():
 
 
 def unit_settings():
-    settings = {}
-    for line in Path(UNIT).read_text().splitlines():
-        key, sep, value = line.partition("=")
-        if sep and not line.startswith("#"):
-            settings[key] = value
-    return settings
+    lines = Path(UNIT).read_text().splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line and not line.startswith("#"))
 
 
 def start_as_unit(lab, unit):
@@ -84,8 +80,7 @@ def check_installed(lab, files):
 def test_package_installs_answers_and_purges(lab):
     with open("/run/lock/dnsproxy-package-test.lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)  # one such test on this machine at a time
-        status = subprocess.run(["dpkg-query", "-W", "-f", "${db:Status-Status}", "dnsproxy"],
-                                capture_output=True, text=True)
+        status = sh("dpkg-query", "-W", "-f", "${db:Status-Status}", "dnsproxy", ok=None)
         if status.returncode == 0 and status.stdout != "not-installed":
             pytest.skip(f"a dnsproxy package is on this machine ({status.stdout}): this test installs and "
                         "purges its own, so it leaves that one alone")
