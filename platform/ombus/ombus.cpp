@@ -322,6 +322,7 @@ struct ombusParcel {
 namespace {
 
 const ombusMethodDesc* find_method(const service_reg& svc, const char* member) {
+    if (member == nullptr) return nullptr;
     for (const auto& m : svc.methods) {
         if (std::strcmp(m.name, member) == 0) return &m;
     }
