@@ -30,6 +30,40 @@ struct pcb_list {
 
 pcb_list pcbs;
 
+// The pcbs' memory: slabs of kSlabPcbs allocated as the table first grows and kept, so that in
+// steady state a query costs no allocation; a removed pcb waits on the free list for the next.
+// The table's bound caps the slabs at ceil(1036 / kSlabPcbs).
+constexpr uint32_t kSlabPcbs = 32;
+constexpr uint32_t kMaxSlabs = (DPXY_PCB_BOUND + kSlabPcbs - 1) / kSlabPcbs;
+
+struct pcb_pool {
+    dpxy_pcb* free = nullptr; // linked through hash_next
+    dpxy_pcb* slabs[kMaxSlabs] = {};
+    uint32_t nslabs = 0;
+};
+
+pcb_pool pool;
+
+dpxy_pcb* take_pcb() {
+    if (pool.free == nullptr && pool.nslabs < kMaxSlabs) {
+        auto* slab = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb) * kSlabPcbs));
+        if (slab == nullptr) return nullptr;
+        pool.slabs[pool.nslabs++] = slab;
+        for (uint32_t i = 0; i < kSlabPcbs; ++i) {
+            slab[i].hash_next = pool.free;
+            pool.free = &slab[i];
+        }
+    }
+    dpxy_pcb* pcb = pool.free;
+    if (pcb != nullptr) pool.free = pcb->hash_next;
+    return pcb;
+}
+
+void give_back(dpxy_pcb* pcb) {
+    pcb->hash_next = pool.free;
+    pool.free = pcb;
+}
+
 dpxy_pcb** bucket_of(uint16_t server_id) {
     return &pcbs.index[server_id % kIndexBuckets];
 }
@@ -92,7 +126,7 @@ int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
         same->response_count = image->response_count;
         return 0;
     }
-    auto* pcb = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb)));
+    dpxy_pcb* pcb = take_pcb();
     if (pcb == nullptr) return -1; // the answer will find no pcb and be dropped
     DPMAIN_TRACE(DP_DETAIL, "pcb=%p\n", static_cast<void*>(pcb));
     // The packet area is copied only as far as the packet goes.
@@ -118,7 +152,7 @@ void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
     if (pcbs.count > 0) pcbs.count--;
     if (pcb->waiter_head != 0) dpxy_hard_free_waiters(pcb);
     std::free(pcb->vendor_opt);
-    std::free(pcb);
+    give_back(pcb);
 }
 
 dpxy_pcb* dpxy_find_pcb(uint16_t server_id) {
