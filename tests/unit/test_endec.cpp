@@ -19,6 +19,14 @@ Msg response(const char* qname, int qtype, int answers) {
     return std::move(Msg(0x8180, 1, answers, 0, 0).q(qname, qtype));
 }
 
+// A dotted name of exactly that many characters, in labels of at most 63.
+std::string dotted(size_t chars) {
+    std::string name(chars, 'x');
+    for (size_t dot = 63; dot < chars; dot += 64)
+        name[dot] = '.';
+    return name;
+}
+
 class Endec : public ::testing::Test {
   protected:
     void TearDown() override { trace(0); }
@@ -77,9 +85,7 @@ TEST_F(Endec, NamesMeasuredDecodedAndEncoded) {
     EXPECT_EQ(-4, dpendec_parse_domain_name(p + 3, p + 3, 2, text, 256));
     // Room in the output for the name and its NUL: 253 characters fit 255 bytes, 254 do not.
     for (size_t chars : {253, 254}) {
-        std::string name(chars, 'x');
-        for (size_t dot = 63; dot < chars; dot += 64)
-            name[dot] = '.';
+        const std::string name = dotted(chars);
         Msg w(0, 0, 0, 0, 0);
         w.b.clear();
         w.name(name.c_str());
@@ -192,6 +198,17 @@ TEST_F(Endec, LocalAnswersAreByteExact) {
     Bytes refused = query.b;
     refused[2] = 0x85, refused[3] = 0xB3; // QR, RA and RCODE 3; everything else as it was
     EXPECT_EQ(refused, contents(pkt));
+
+    // Room for the answer in 2048 bytes: long questions up to the first answer's offset.
+    for (int end : {2020, 2021, 2032, 2033}) {
+        Msg q(0x0100, 9, 0, 0, 0);
+        for (int i = 0; i < 9; ++i)
+            q.q(dotted(i == 0 ? 1 : i < 8 ? 254 : end - 1845).c_str(), 1);
+        pkt = packet(q);
+        EXPECT_EQ(end <= 2032 ? end + 16 : -1, dpendec_compose_a_response(&pkt, "1.2.3.4"));
+        pkt = packet(q);
+        EXPECT_EQ(end <= 2020 ? end + 28 : -1, dpendec_compose_aaaa_response(&pkt, "::1"));
+    }
 }
 
 TEST_F(Endec, ReplaceAndRestoreQuestionName) {
