@@ -59,19 +59,20 @@ TEST_F(ServerSets, ResolverFileAcceptsAndRejects) {
 }
 
 TEST_F(ServerSets, ReloadResetsProbingOnlyWhenSomethingChanged) {
-    root.write("/etc/resolv.conf",
-               "nameserver 192.0.2.1\nnameserver 192.0.2.2\nnameserver 192.0.2.3\n");
-    servset* set = set_of(DPSVR_V4_SYSTEM);
-    EXPECT_EQ(dpsvr_load_v4_system_dns_servers(), 3);
-    EXPECT_EQ(state(set), "3 1 0 0 1@2001 0@0 monitored");
-    set_active_dns_server(set, 2);
+    auto load = [&](const char* servers, const char* policy) {
+        root.write("/etc/resolv.conf", servers);
+        root.write("/etc/flipla.conf", std::string("SystemDnsServerSetPolicy=") + policy + "\n");
+        dpcfg_init();
+        dpsvr_load_v4_system_dns_servers();
+        return state(set_of(DPSVR_V4_SYSTEM));
+    };
+    const char* two = "nameserver 192.0.2.1\nnameserver 192.0.2.2\n";
+    EXPECT_EQ(load(two, "1"), "2 1 0 0 1@2001 0@0 monitored");
+    set_active_dns_server(set_of(DPSVR_V4_SYSTEM), 1);
     clock.advance(5);
-    EXPECT_EQ(dpsvr_load_v4_system_dns_servers(), 3); // unchanged: nothing resets
-    EXPECT_EQ(state(set), "3 1 2 0 1@2001 1@2120 monitored");
-    root.write("/etc/flipla.conf", "SystemDnsServerSetPolicy=0\n");
-    dpcfg_init();
-    dpsvr_load_v4_system_dns_servers(); // only the policy changes: everything resets
-    EXPECT_EQ(state(set), "3 0 0 0 0@2001 0@2120 -");
+    EXPECT_EQ(load(two, "1"), "2 1 1 0 1@2001 1@2120 monitored"); // unchanged: nothing resets
+    EXPECT_EQ(load(two, "0"), "2 0 0 0 0@2001 0@2120 -"); // only the policy: everything resets
+    EXPECT_EQ(load("nameserver 192.0.2.1\n", "1"), "1 1 0 0 0@2001 0@2120 -"); // one server
 }
 
 TEST_F(ServerSets, StartUpLoadDumpDefaultSetAndPrimaryStatus) {
