@@ -89,21 +89,6 @@ TEST(ConfigFile, ReloadsAndMissingFiles) {
     EXPECT_STREQ(c.config_file, "/etc/other.conf");
 }
 
-TEST(FeatureMask, OnlySwitchesOn) {
-    TempRoot root;
-    load(root, "EnableDynCacheFeature=1\n");
-    dpcfg_apply_feature_mask(0);
-    EXPECT_EQ(dpcfg_get().is_dyn_cache_feat_enabled, 1u);
-    dpcfg_apply_feature_mask(0x3FF);
-    const auto& c = dpcfg_get();
-    EXPECT_EQ(c.is_d2a_feat_enabled + c.is_d2d_feat_enabled + c.is_local_hosts_feat_enabled +
-                  c.is_dyn_cache_feat_enabled + c.is_force_url_feat_enabled +
-                  c.is_reject_ptr_local_ip_feat_enabled + c.is_vci_explicit_forward_feat_enabled +
-                  c.is_edns_enabled + c.is_name_filter_forward_enabled + c.is_dns_filter_enabled +
-                  c.is_service_status_detect_feat_enabled,
-              10u); // service status detection has no bit
-}
-
 TEST(LockNet, StateAndWhitelistFiles) {
     TempRoot root;
     root.write("/configs/locknet_whitelist.conf", "a.example b.example\nsecond line\n");
