@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ctrl/dp_trace.h"
@@ -61,20 +62,18 @@ class Edns : public ::testing::Test {
 };
 
 TEST_F(Edns, QueriesThatMayGetTheOption) {
-    const struct {
-        DnsMsg m;
-        int count, valid;
-    } cases[] = {{query(), -1, 0}, // -1 from the counter is not "more than one"
-                 {query(0, 2).an(1, 60, {192, 0, 2, 1}).opt(1232, Bytes(224, 0)), 1, 0},
-                 {query(0, 1).opt(1232, Bytes(225, 0)), 1, -3}, // RDLENGTH 225
-                 {query(0, 3).opt(1232).an(1, 60, {1}).opt(512, Bytes(300, 0)), 2, -1},
-                 {query(0, 2).an(16, 60, filler(992)).opt(1232), 1, 0},
-                 {query(0, 2).an(16, 60, filler(993)).opt(1232), 1, -3},
-                 {query(0, 1).opt(1232, with_mac({0, 10, 0, 1, 7})), 1, -2}};
-    for (const auto& c : cases) {
-        Packet p(c.m);
-        EXPECT_EQ(get_edns_array_count(p.buf.get(), p.len, &p.inf), c.count) << p.len;
-        EXPECT_EQ(p.valid(), c.valid) << p.len;
+    const std::tuple<DnsMsg, int, int> cases[] = {
+        {query(), -1, 0}, // -1 from the counter is not "more than one"
+        {query(0, 2).an(1, 60, {192, 0, 2, 1}).opt(1232, Bytes(224, 0)), 1, 0},
+        {query(0, 1).opt(1232, Bytes(225, 0)), 1, -3}, // RDLENGTH 225
+        {query(0, 3).opt(1232).an(1, 60, {1}).opt(512, Bytes(300, 0)), 2, -1},
+        {query(0, 2).an(16, 60, filler(992)).opt(1232), 1, 0},
+        {query(0, 2).an(16, 60, filler(993)).opt(1232), 1, -3},
+        {query(0, 1).opt(1232, with_mac({0, 10, 0, 1, 7})), 1, -2}};
+    for (const auto& [m, count, valid] : cases) {
+        Packet p(m);
+        EXPECT_EQ(get_edns_array_count(p.buf.get(), p.len, &p.inf), count) << p.len;
+        EXPECT_EQ(p.valid(), valid) << p.len;
     }
     // Removing from an additional count of 0 changes nothing.
     Bytes m = query().b;
@@ -85,15 +84,13 @@ TEST_F(Edns, QueriesThatMayGetTheOption) {
 TEST_F(Edns, PayloadAgainstTheServers) {
     // 1300 bytes, over the server's 1232: refused while the query advertises a size of its own;
     // advertising 0, the server's value goes in and the query is sent all the same.
-    const struct {
-        DnsMsg m;
-        int server, ret, payload;
-    } cases[] = {{query(0, 2).an(16, 60, filler(1300)).opt(4096), 1232, -1, 4096},
-                 {query(0, 2).an(16, 60, filler(1300)).opt(0), 1232, 0, 1232},
-                 {query(0, 1).opt(0), 544, 0, 544}};
-    for (auto c : cases) {
-        EXPECT_EQ(dpedns_check_packet_payload(c.m.b.data(), c.m.len(), c.server), c.ret);
-        EXPECT_EQ(c.m.b[c.m.len() - 8] << 8 | c.m.b[c.m.len() - 7], c.payload);
+    const std::tuple<DnsMsg, uint16_t, int, int> cases[] = {
+        {query(0, 2).an(16, 60, filler(1300)).opt(4096), 1232, -1, 4096},
+        {query(0, 2).an(16, 60, filler(1300)).opt(0), 1232, 0, 1232},
+        {query(0, 1).opt(0), 544, 0, 544}};
+    for (auto [m, server, ret, payload] : cases) {
+        EXPECT_EQ(dpedns_check_packet_payload(m.b.data(), m.len(), server), ret);
+        EXPECT_EQ(m.b[m.len() - 8] << 8 | m.b[m.len() - 7], payload);
     }
     DnsMsg q = query();
     EXPECT_EQ(dpedns_check_packet_payload(q.b.data(), q.len(), 12), 0); // no OPT record

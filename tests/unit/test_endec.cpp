@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ctrl/dp_trace.h"
@@ -49,11 +50,7 @@ class Endec : public ::testing::Test {
 
 TEST_F(Endec, NamesMeasuredDecodedAndEncoded) {
     // Wire name; compute_dname_len's result and length; the decoder's result and text.
-    const struct {
-        Bytes wire;
-        int measured, len, decoded;
-        const char* text;
-    } cases[] = {
+    const std::tuple<Bytes, int, uint16_t, int, const char*> cases[] = {
         {{0}, 0, 1, 0, ""},
         {{3, 'w', 'w', 'w', 1, 'x', 0, 0xEE}, 0, 7, 0, "www.x"},
         {{1, 'a', 0xC0, 0x05, 0, 1, 'b', 0}, 1, 4, 0, "a.b"},
@@ -65,14 +62,14 @@ TEST_F(Endec, NamesMeasuredDecodedAndEncoded) {
         {{0xC0, 0x09}, 1, 2, -1, nullptr},    // pointer past the message
     };
     char text[256];
-    for (const auto& c : cases) {
-        const uint8_t* p = c.wire.data();
-        const auto n = static_cast<uint16_t>(c.wire.size());
+    for (const auto& [wire, measured, want_len, decoded, want] : cases) {
+        const uint8_t* p = wire.data();
+        const auto n = static_cast<uint16_t>(wire.size());
         uint16_t len = 99;
-        EXPECT_EQ(c.measured, compute_dname_len(p, p + n, &len)) << testing::PrintToString(c.wire);
-        EXPECT_EQ(c.measured >= 0 ? c.len : 0, len);
-        EXPECT_EQ(c.decoded, dpendec_parse_domain_name(p, p, n, text, sizeof text));
-        EXPECT_STREQ(c.text != nullptr ? c.text : text, text);
+        EXPECT_EQ(measured, compute_dname_len(p, p + n, &len)) << testing::PrintToString(wire);
+        EXPECT_EQ(measured >= 0 ? want_len : 0, len);
+        EXPECT_EQ(decoded, dpendec_parse_domain_name(p, p, n, text, sizeof text));
+        EXPECT_STREQ(want != nullptr ? want : text, text);
     }
     // 64 pointers are followed, the 65th is not; a pointer to itself ends the same way.
     Bytes m = {1, 'x', 0, 0xC0, 0}; // "x" at 0, then 65 pointers, each to the one before it
@@ -138,11 +135,7 @@ TEST_F(Endec, MessageIndex) {
 }
 
 TEST_F(Endec, AnswerScanAndReverseNames) {
-    const struct {
-        Msg m;
-        const char *name, *hostaddr;
-        int ttl;
-    } cases[] = {
+    const std::tuple<Msg, const char*, const char*, int> cases[] = {
         // A CNAME is skipped by type; the first A gives address and TTL.
         {response("a", 1, 3).an(5, 7, {0}).an(1, 300, {10, 0, 0, 1}).an(1, 400, {10, 0, 0, 2}), "a",
          "10.0.0.1", 300},
@@ -155,11 +148,20 @@ TEST_F(Endec, AnswerScanAndReverseNames) {
              .an(12, 6, {2, 'g', 'w', 0xC0, 12}),
          "gw.4.3.2.1.in-addr.arpa", "1.2.3.4", 6},
     };
-    for (const auto& c : cases) {
+    for (const auto& [m, name, hostaddr, ttl] : cases) {
         msginf inf;
-        ASSERT_EQ(1, parse(c.m, inf));
-        EXPECT_EQ(std::string(c.name) + "|" + c.hostaddr + "|" + std::to_string(c.ttl),
+        ASSERT_EQ(1, parse(m, inf));
+        EXPECT_EQ(std::string(name) + "|" + hostaddr + "|" + std::to_string(ttl),
                   std::string(inf.name) + "|" + inf.hostaddr + "|" + std::to_string(inf.ttl));
+    }
+    // Reverse names: the address they spell, when they spell one.
+    const char* names[] = {"10.1.168.192.in-addr.arpa", "9.4.3.2.1.in-addr.arpa",
+                           "1.168.192.in-addr.arpa", "256.1.168.192.in-addr.arpa"};
+    const char* addrs[] = {"192.168.1.10", "1.2.3.4", "", ""};
+    for (int i = 0; i < 4; ++i) {
+        msginf inf;
+        ASSERT_EQ(1, parse(Msg(0x0100, 1, 0, 0, 0).q(names[i], 12), inf));
+        EXPECT_STREQ(addrs[i], inf.hostaddr) << names[i];
     }
     // The address list: answer order, the lowest TTL, and commas not charged to the budget.
     Msg r = response("a", 1, 4);
@@ -198,6 +200,9 @@ TEST_F(Endec, LocalAnswersAreByteExact) {
     Bytes refused = query.b;
     refused[2] = 0x85, refused[3] = 0xB3; // QR, RA and RCODE 3; everything else as it was
     EXPECT_EQ(refused, contents(pkt));
+    uint8_t buf[64];
+    EXPECT_EQ(21, dpendec_compose_query_a(buf, sizeof buf, "a.b", 0x1234));
+    EXPECT_EQ(Msg(0x0100, 1, 0, 0, 0).q("a.b", 1).b, Bytes(buf, buf + 21));
 
     // Room for the answer in 2048 bytes: long questions up to the first answer's offset.
     for (int end : {2020, 2021, 2032, 2033}) {
