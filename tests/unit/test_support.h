@@ -154,3 +154,33 @@ class UdpPeer {
     int fd_ = -1;
     bool ok_ = false;
 };
+
+// ---- DNS messages for the codec and EDNS tests ------------------------------------------------
+
+#include "endec/dpendec.h"
+
+// A message written field by field; the header's id is always 0x1234.
+struct DnsMsg {
+    using Bytes = std::vector<uint8_t>;
+    Bytes b;
+    DnsMsg(int flags, int qd, int an, int ns, int ar) {
+        u16(0x1234).u16(flags).u16(qd).u16(an).u16(ns).u16(ar);
+    }
+    DnsMsg& u8(int v) { return b.push_back(static_cast<uint8_t>(v)), *this; }
+    DnsMsg& u16(int v) { return u8(v >> 8).u8(v); }
+    DnsMsg& raw(const Bytes& v) { return b.insert(b.end(), v.begin(), v.end()), *this; }
+    DnsMsg& name(const char* text) {
+        uint8_t w[256];
+        return raw(Bytes(w, w + compose_dname(text, w)));
+    }
+    DnsMsg& q(const char* qname, int type) { return name(qname).u16(type).u16(1); }
+    // One record; cls is an OPT record's payload size.
+    DnsMsg& rr(const Bytes& owner, int type, int ttl, const Bytes& rdata, int cls = 1) {
+        raw(owner).u16(type).u16(cls).u16(ttl >> 16).u16(ttl).u16(static_cast<int>(rdata.size()));
+        return raw(rdata);
+    }
+    // An answer whose owner is the question name.
+    DnsMsg& an(int type, int ttl, const Bytes& rdata) { return rr({0xC0, 12}, type, ttl, rdata); }
+    DnsMsg& opt(int payload = 1, const Bytes& opts = {}) { return rr({0}, 41, 0, opts, payload); }
+    uint16_t len() const { return static_cast<uint16_t>(b.size()); }
+};
