@@ -50,7 +50,15 @@ mail    A    203.0.113.25
 cdn     A    203.0.113.30
 cdn     A    203.0.113.31
 alias   CNAME www
+mid     TXT  {mid}
+big     TXT  {big}
 """
+# TXT answers longer than a datagram the proxy reads from upstream (1,024 bytes): mid.lab.example
+# (about 1,150 bytes, still within knot's UDP limit) and big.lab.example (about 3,060 bytes).
+MID_TXT = [f"m{i}" + "m" * 222 for i in range(5)]
+BIG_TXT = [f"b{i:02d}" + "b" * 247 for i in range(12)]
+SAMPLE_ZONE = SAMPLE_ZONE.format(mid=" ".join(f'"{t}"' for t in MID_TXT),
+                                 big=" ".join(f'"{t}"' for t in BIG_TXT))
 
 KNOT_CONF = """server:
     rundir: "{dir}"
