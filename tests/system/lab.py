@@ -9,14 +9,17 @@ Only documentation prefixes and loopback are used. Everything the lab starts is 
 and the namespaces are deleted, when the lab goes down.
 """
 
+import ctypes
 import itertools
 import json
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -375,6 +378,35 @@ class Lab:
             argv += [f"--{key}", str(value)]
         r = run(self.exec_argv(ns, argv), timeout=timeout + 20)
         return json.loads(r.stdout)
+
+    def socket(self, ns="lan", family=socket.AF_INET, connect=None, rcvbuf=None, timeout=5.0):
+        """A TCP socket of namespace ns, connected to connect (address, port) when given: a thread
+        joins the namespace and makes it, so that the test drives it directly."""
+        made = []
+
+        def make():
+            try:
+                if self.with_netns:
+                    libc = ctypes.CDLL(None, use_errno=True)
+                    with open(f"/var/run/netns/{self.ns[ns]}") as f:
+                        if libc.setns(f.fileno(), 0x40000000) != 0:  # CLONE_NEWNET
+                            raise OSError(ctypes.get_errno(), "setns")
+                sock = socket.socket(family, socket.SOCK_STREAM)
+                if rcvbuf:
+                    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+                sock.settimeout(timeout)
+                if connect:
+                    sock.connect(connect)
+                made.append(sock)
+            except OSError as exc:
+                made.append(exc)
+
+        t = threading.Thread(target=make)
+        t.start()
+        t.join()
+        if isinstance(made[0], OSError):
+            raise made[0]
+        return made[0]
 
     def start_module_peer(self, module_id, mode="answer", status="0", result="0", reg_url_enable="0",
                           payload_hex=None, detach=False):

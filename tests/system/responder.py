@@ -7,7 +7,9 @@ each query as its mode says, recording every query as one JSON line.
 Modes: answer (one A/AAAA record per query, TTL --ttl), empty (NOERROR, no records), servfail,
 silent (records, never answers), delay (answers after --delay seconds), forge (first answers
 from --forge-from and from port 5353 with 203.0.113.66, and with another question, then the real
-answer after --delay seconds).
+answer after --delay seconds). With --tcp it serves TCP on the same address too, holding the
+answers of a connection until --reverse queries arrived (or a second passed) and then sending
+them last first.
 """
 import argparse
 import json
@@ -49,6 +51,38 @@ def forge(sock, query, peer, args, family):
     sock.sendto(build_answer(other, fake), peer)
 
 
+def serve_tcp(conn, args, log):
+    """One TCP connection: length-prefixed queries in, their answers out (last first)."""
+    held, buf = [], b""
+    conn.settimeout(1.0)
+    while True:
+        try:
+            data = conn.recv(65535)
+        except socket.timeout:
+            data = None
+        if data == b"":
+            break
+        buf += data or b""
+        while len(buf) >= 2 and len(buf) >= 2 + int.from_bytes(buf[:2], "big"):
+            n = int.from_bytes(buf[:2], "big")
+            wire, buf = buf[2:2 + n], buf[2 + n:]
+            query = dns.message.from_wire(wire)
+            peer = conn.getpeername()
+            log.write(json.dumps({"time": time.monotonic(), "src": peer[0], "sport": peer[1], "tcp": True,
+                                  "id": query.id, "qname": query.question[0].name.to_text()}) + "\n")
+            held.append(build_answer(query, args))
+        if held and (len(held) >= args.reverse or data is None):
+            conn.sendall(b"".join(len(w).to_bytes(2, "big") + w for w in reversed(held)))
+            held = []
+    conn.close()
+
+
+def accept_tcp(srv, args, log):
+    while True:
+        conn, _ = srv.accept()
+        threading.Thread(target=serve_tcp, args=(conn, args, log), daemon=True).start()
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("--addr", required=True)
@@ -61,6 +95,8 @@ def main():
     p.add_argument("--ttl", type=int, default=300)
     p.add_argument("--delay", type=float, default=0.0)
     p.add_argument("--forge-from")
+    p.add_argument("--tcp", action="store_true")
+    p.add_argument("--reverse", type=int, default=1)
     args = p.parse_args()
     args.a = args.a or ["203.0.113.7"]
     args.aaaa = args.aaaa or ["2001:db8:3::7"]
@@ -69,6 +105,9 @@ def main():
     sock = socket.socket(family, socket.SOCK_DGRAM)
     sock.bind((args.addr, args.port))
     log = open(args.log, "a", buffering=1)
+    if args.tcp:
+        srv = socket.create_server((args.addr, args.port), family=family)
+        threading.Thread(target=accept_tcp, args=(srv, args, log), daemon=True).start()
     print("ready", flush=True)
     while True:
         data, peer = sock.recvfrom(65535)
