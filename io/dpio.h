@@ -193,6 +193,9 @@ struct dpio_tcp_hooks {
     void (*answer)(const dp_peer_addr* from, std::span<const uint8_t> msg);
     // A connection to the server at addr could not be made (refused or timed out).
     void (*connect_failed)(const uint8_t* addr);
+    // The query (as sent) of the pending query with this server id, while it still waits with
+    // it: false when it is gone or holds an answer.
+    bool (*pending_query)(uint16_t id, std::span<const uint8_t>* msg);
 };
 void dpio_tcp_set_hooks(const dpio_tcp_hooks& hooks);
 
@@ -245,6 +248,7 @@ struct dpio_tcp_stats {
     uint32_t upstream_queries;
     uint32_t upstream_answers;
     uint32_t upstream_refused; // no connection could be had, or it was full
+    uint32_t upstream_retried; // sent again after the server closed with them unanswered
     uint32_t truncated;        // too-long UDP answers turned into truncated ones
 };
 dpio_tcp_stats& dpio_tcp_counters();

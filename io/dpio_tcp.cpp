@@ -44,17 +44,20 @@ constexpr int kMaxFailureReports = DPIO_TCP_MAX_UPSTREAMS;
 // Every read lands here first: the loop serves one socket at a time.
 uint8_t scratch[kPrefix + DPIO_TCP_MAX_MESSAGE + 1];
 
-// The ids of queries awaiting their answers, with when each was sent.
+// The ids of queries awaiting their answers, with when each was sent and whether it is a second
+// try.
 template <int N>
 struct inflight {
     uint16_t id[N];
     uint32_t since[N];
+    bool again[N];
     int n = 0;
 
     bool full() const { return n >= N; }
-    void add(uint16_t qid, uint32_t now) {
+    void add(uint16_t qid, uint32_t now, bool second = false) {
         if (full()) return;
         id[n] = qid;
+        again[n] = second;
         since[n++] = now;
     }
     // Frees the slot of the first query with this id; the time it was sent, or false.
@@ -63,6 +66,7 @@ struct inflight {
             if (id[i] != qid) continue;
             id[i] = id[n - 1];
             since[i] = since[n - 1];
+            again[i] = again[n - 1];
             --n;
             return true;
         }
@@ -80,6 +84,7 @@ struct inflight {
             newest = std::max(newest, since[i]);
             id[i] = id[n - 1];
             since[i] = since[n - 1];
+            again[i] = again[n - 1];
             --n;
         }
         return newest;
@@ -412,6 +417,8 @@ int listen_ready(pollfd*) {
 // ---- upstreams
 // -----------------------------------------------------------------------------------
 
+int queue_query(const uint8_t* addr, const uint8_t* buf, uint16_t len, bool again);
+
 void close_upstream(upstream_conn& u, int reason) {
     if (u.busy) {
         if (u.closing < 0) u.closing = reason;
@@ -424,7 +431,20 @@ void close_upstream(upstream_conn& u, int reason) {
     stats.upstream_closed[reason]++;
     dpio_stream_free(&u.in);
     dpio_stream_free(&u.out);
+    // A server may close a connection it found idle just as a query went out on it: what it left
+    // unanswered is sent once more on a new connection, if its pcb still waits with the query.
+    const upstream_conn gone = u;
     u = upstream_conn{};
+    if (reason != DPIO_TCP_CLOSED_PEER && reason != DPIO_TCP_CLOSED_CUT) return;
+    for (int i = 0; i < gone.slots.n; ++i) {
+        std::span<const uint8_t> query;
+        if (gone.slots.again[i] || hooks.pending_query == nullptr ||
+            !hooks.pending_query(gone.slots.id[i], &query)) {
+            continue;
+        }
+        if (queue_query(gone.addr, query.data(), static_cast<uint16_t>(query.size()), true) > 0)
+            stats.upstream_retried++;
+    }
 }
 
 void report_failure(const uint8_t* addr) {
@@ -728,6 +748,12 @@ int dpio_tcp_send_answer(const dp_peer_addr* peer, const uint8_t* buf, uint16_t 
 }
 
 int dpio_tcp_send_query(const uint8_t* addr, const uint8_t* buf, uint16_t len) {
+    return queue_query(addr, buf, len, false);
+}
+
+namespace {
+
+int queue_query(const uint8_t* addr, const uint8_t* buf, uint16_t len, bool again) {
     upstream_conn* u = find_upstream(addr);
     if (u == nullptr) u = open_upstream(addr);
     if (u == nullptr || u->slots.full() || u->out.len > kUpstreamQueueMax || len < 2) {
@@ -742,12 +768,14 @@ int dpio_tcp_send_query(const uint8_t* addr, const uint8_t* buf, uint16_t len) {
     }
     u->last = now_s();
     if (u->out.len != 0 && !was_waiting) u->out_since = u->last;
-    u->slots.add(get_u16(buf), u->last);
+    u->slots.add(get_u16(buf), u->last, again);
     u->queries++;
     stats.upstream_queries++;
     settle_upstream(*u);
     return len;
 }
+
+} // namespace
 
 void dpio_tcp_tick(uint32_t now) {
     for (auto& c : clients) {
@@ -845,6 +873,7 @@ void dpio_tcp_view() {
     row("upstream queries", stats.upstream_queries);
     row("upstream answers", stats.upstream_answers);
     row("upstream refused", stats.upstream_refused);
+    row("upstream retried", stats.upstream_retried);
     std::fprintf(stderr, "%s\n", std::string(59, '-').c_str());
     for (const auto& c : clients) {
         if (c.fd < 0) continue;

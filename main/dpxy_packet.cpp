@@ -249,6 +249,13 @@ void tcp_answer(const dp_peer_addr* from, std::span<const uint8_t> msg) {
 
 // A server that refused a TCP connection, or did not take it in time, counts as one that let a
 // query time out.
+bool tcp_pending_query(uint16_t id, std::span<const uint8_t>* msg) {
+    const dpxy_pcb* pcb = dpxy_find_pcb(id);
+    if (pcb == nullptr || pcb->response_count != 0) return false;
+    *msg = {pcb->pkt, pcb->pkt_len};
+    return true;
+}
+
 void tcp_connect_failed(const uint8_t*) {
     dpsvr_set_primary_dns_status(nullptr, 0);
     dpxy_count_timed_out();
@@ -289,7 +296,7 @@ int dpxy_handle_server_packet(int fd) {
 }
 
 void dpxy_tcp_start() {
-    dpio_tcp_set_hooks({tcp_query, tcp_answer, tcp_connect_failed});
+    dpio_tcp_set_hooks({tcp_query, tcp_answer, tcp_connect_failed, tcp_pending_query});
     if (dpcfg_is_tcp_enabled() != 0) dpio_tcp_listen();
 }
 

@@ -9,9 +9,11 @@ silent (records, never answers), delay (answers after --delay seconds), forge (f
 from --forge-from and from port 5353 with 203.0.113.66, and with another question, then the real
 answer after --delay seconds). With --tcp it serves TCP on the same address too, holding the
 answers of a connection until --reverse queries arrived (or a second passed) and then sending
-them last first.
+them last first; with --close-first it closes its first TCP connection, unanswered, once a
+query came.
 """
 import argparse
+import itertools
 import json
 import socket
 import sys
@@ -51,7 +53,7 @@ def forge(sock, query, peer, args, family):
     sock.sendto(build_answer(other, fake), peer)
 
 
-def serve_tcp(conn, args, log):
+def serve_tcp(conn, args, log, first):
     """One TCP connection: length-prefixed queries in, their answers out (last first)."""
     held, buf = [], b""
     conn.settimeout(1.0)
@@ -71,6 +73,8 @@ def serve_tcp(conn, args, log):
             log.write(json.dumps({"time": time.monotonic(), "src": peer[0], "sport": peer[1], "tcp": True,
                                   "id": query.id, "qname": query.question[0].name.to_text()}) + "\n")
             held.append(build_answer(query, args))
+        if held and first and args.close_first:
+            break
         if held and (len(held) >= args.reverse or data is None):
             conn.sendall(b"".join(len(w).to_bytes(2, "big") + w for w in reversed(held)))
             held = []
@@ -78,9 +82,9 @@ def serve_tcp(conn, args, log):
 
 
 def accept_tcp(srv, args, log):
-    while True:
+    for n in itertools.count():
         conn, _ = srv.accept()
-        threading.Thread(target=serve_tcp, args=(conn, args, log), daemon=True).start()
+        threading.Thread(target=serve_tcp, args=(conn, args, log, n == 0), daemon=True).start()
 
 
 def main():
@@ -97,6 +101,7 @@ def main():
     p.add_argument("--forge-from")
     p.add_argument("--tcp", action="store_true")
     p.add_argument("--reverse", type=int, default=1)
+    p.add_argument("--close-first", action="store_true")
     args = p.parse_args()
     args.a = args.a or ["203.0.113.7"]
     args.aaaa = args.aaaa or ["2001:db8:3::7"]

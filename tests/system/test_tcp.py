@@ -153,6 +153,16 @@ def test_bad_slow_and_stalled_clients_lose_only_their_own_connection(lab):
     assert (counts["closed evicted"], counts["client connections"]) == ("1", "64 of 64")
 
 
+def test_a_query_left_unanswered_by_a_closing_upstream_goes_again_on_a_new_connection(lab):
+    up = lab.start_responder(UP1, "answer", "--tcp", "--close-first")
+    start(lab, servers=(UP1,))
+    assert [rd.to_text() for rd in ask(connect(lab), "www.example.test").answer[0]] == ["203.0.113.7"]
+    first, again = up.queries()
+    assert first["id"] == again["id"] and first["sport"] != again["sport"]
+    counts = view(lab)
+    assert (counts["upstream closed peer"], counts["upstream retried"]) == ("1", "1")
+
+
 def test_a_refused_tcp_connect_counts_as_a_time_out_for_probing(lab):
     up = lab.start_responder(UP1)  # no TCP
     lab.start_responder(UP2)
