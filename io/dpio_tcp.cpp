@@ -218,8 +218,7 @@ bool really_closed(int fd) {
     return n >= 0 || !would_block();
 }
 
-// ---- clients
-// -------------------------------------------------------------------------------------
+// ---- clients -----------------------------------------------------------------------------------
 
 bool takes_queries(const client_conn& c) {
     return c.closing < 0 && !c.eof && !c.slots.full() && c.out.len == 0;
@@ -414,8 +413,7 @@ int listen_ready(pollfd*) {
     return 0;
 }
 
-// ---- upstreams
-// -----------------------------------------------------------------------------------
+// ---- upstreams ---------------------------------------------------------------------------------
 
 int queue_query(const uint8_t* addr, const uint8_t* buf, uint16_t len, bool again);
 
@@ -620,8 +618,7 @@ int pump_observer() {
 
 } // namespace
 
-// ---- framing
-// ---------------------------------------------------------------------------------------
+// ---- framing -----------------------------------------------------------------------------------
 
 int dpio_frame_cut(std::span<const uint8_t> in, uint32_t max, std::span<const uint8_t>* msg) {
     if (in.size() < kPrefix) return DPIO_FRAME_MORE;
