@@ -207,8 +207,9 @@ bool dpio_tcp_listening();
 // query came on): what was sent or queued (len), or -1 when the connection is gone or had to be
 // closed. Frees the query's in-flight slot.
 int dpio_tcp_send_answer(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len);
-// The descriptor of a client connection, -1 when it is gone.
+// The descriptor of a client connection, -1 when it is gone; of the connection to a server.
 int dpio_tcp_client_fd(uint32_t token);
+int dpio_tcp_upstream_fd(const uint8_t* addr);
 // Queues a query on the connection to the server at addr (port 53), opening it when there is
 // none: len, or -1 when no connection can be had or it has all the queries it takes.
 int dpio_tcp_send_query(const uint8_t* addr, const uint8_t* buf, uint16_t len);

@@ -285,7 +285,7 @@ int dpio_send_to_client(const uint8_t* addr, uint16_t port, const uint8_t* buf, 
 int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
     if (over_tcp) {
         const int ret = dpio_tcp_send_query(addr, buf, len);
-        trace_send(__func__, __LINE__, DPIO_TCP_STREAM_FD, addr, port, buf, len, ret);
+        trace_send(__func__, __LINE__, dpio_tcp_upstream_fd(addr), addr, port, buf, len, ret);
         if (ret > 0 && recording != nullptr) record_send(recording, addr, port, buf, len);
         return ret;
     }

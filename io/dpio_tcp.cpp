@@ -724,6 +724,11 @@ int dpio_tcp_client_fd(uint32_t token) {
     return c != nullptr ? c->fd : -1;
 }
 
+int dpio_tcp_upstream_fd(const uint8_t* addr) {
+    const upstream_conn* u = find_upstream(addr);
+    return u != nullptr ? u->fd : -1;
+}
+
 int dpio_tcp_send_answer(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len) {
     client_conn* c = client_of_token(peer->tcp);
     if (c == nullptr || c->closing >= 0) {
@@ -751,25 +756,27 @@ int dpio_tcp_send_query(const uint8_t* addr, const uint8_t* buf, uint16_t len) {
 namespace {
 
 int queue_query(const uint8_t* addr, const uint8_t* buf, uint16_t len, bool again) {
-    upstream_conn* u = find_upstream(addr);
-    if (u == nullptr) u = open_upstream(addr);
-    if (u == nullptr || u->slots.full() || u->out.len > kUpstreamQueueMax || len < 2) {
-        stats.upstream_refused++;
-        return -1;
+    // A connection the server has closed fails at the first write: the query then goes on a new
+    // one.
+    for (int attempt = 0; attempt < 2 && len >= 2; ++attempt) {
+        upstream_conn* u = find_upstream(addr);
+        if (u == nullptr) u = open_upstream(addr);
+        if (u == nullptr || u->slots.full() || u->out.len > kUpstreamQueueMax) break;
+        const bool was_waiting = u->out.len != 0;
+        if (!send_framed(u->fd, u->out, u->connected, buf, len)) {
+            close_upstream(*u, errno == ENOMEM ? DPIO_TCP_CLOSED_ERROR : reason_of_errno());
+            continue;
+        }
+        u->last = now_s();
+        if (u->out.len != 0 && !was_waiting) u->out_since = u->last;
+        u->slots.add(get_u16(buf), u->last, again);
+        u->queries++;
+        stats.upstream_queries++;
+        settle_upstream(*u);
+        return len;
     }
-    const bool was_waiting = u->out.len != 0;
-    if (!send_framed(u->fd, u->out, u->connected, buf, len)) {
-        close_upstream(*u, errno == ENOMEM ? DPIO_TCP_CLOSED_ERROR : reason_of_errno());
-        stats.upstream_refused++;
-        return -1;
-    }
-    u->last = now_s();
-    if (u->out.len != 0 && !was_waiting) u->out_since = u->last;
-    u->slots.add(get_u16(buf), u->last, again);
-    u->queries++;
-    stats.upstream_queries++;
-    settle_upstream(*u);
-    return len;
+    stats.upstream_refused++;
+    return -1;
 }
 
 } // namespace
