@@ -77,9 +77,10 @@ def view(lab, what="tcp"):
     return {k.strip(): v.strip() for k, v in re.findall(r"^([a-z ]+): (.*)$", out, re.M)}
 
 
-def test_large_answers_over_tcp_and_a_truncated_answer_for_a_too_long_datagram(lab):
+@pytest.mark.parametrize("conf", ["", "EnableHardenedMode=1\n"])
+def test_large_answers_over_tcp_and_a_truncated_answer_for_a_too_long_datagram(lab, conf):
     lab.start_knot()
-    daemon = start(lab)
+    daemon = start(lab, conf)
     for tool in ("dig", "kdig"):
         r = run(lab.exec_argv("lan", [tool, "+tcp", "+short", f"@{GW_LAN_V4}", "big.lab.example", "TXT"]))
         assert r.stdout.replace('"', "").split() == BIG_TXT, r.stdout
@@ -97,7 +98,7 @@ def test_large_answers_over_tcp_and_a_truncated_answer_for_a_too_long_datagram(l
     assert view(lab, "statistic")["packet len too long"] == "2"
     # Switched off: nothing listens on TCP and a too-long answer reaches nobody, as before.
     daemon.stop()
-    start(lab, "EnableTcp=0\n")
+    start(lab, conf + "EnableTcp=0\n")
     r = run(lab.exec_argv("lan", ["dig", "+tcp", "+tries=1", f"@{GW_LAN_V4}", "www.lab.example"]), check=False)
     assert "connection refused" in r.stdout
     assert lab.query("mid.lab.example", "TXT", edns=4096, timeout=1)["timeout"]
@@ -136,7 +137,7 @@ def test_bad_slow_and_stalled_clients_lose_only_their_own_connection(lab):
     stalled.sendall(frame("big.lab.example", "TXT") * 300)  # never reads its answers
     steady = lab.query("www.lab.example", steady=60, pace=0.2)  # UDP throughout, 12 s
     assert steady["answered"] == 60, steady
-    assert all(closed(s) for s in (idle, slow, stalled))
+    assert all(closed(s, timeout=5) for s in (idle, slow, stalled))
     counts = view(lab)
     assert [counts[f"closed {r}"] for r in ("idle", "cut", "framing", "stalled")] == ["1"] * 4
     # At the cap a new client closes the one idle longest.
@@ -169,6 +170,7 @@ def test_a_refused_tcp_connect_counts_as_a_time_out_for_probing(lab):
     start(lab, servers=(UP1, UP2))
     is_probe = lambda q: q["qname"] in PROBE_NAMES  # noqa: E731
     assert len(up.wait_queries(1, where=is_probe)) == 1  # the first probe, a second after start
+    assert lab.bus_ping()  # its answer, sent before the ping, has been taken
     connect(lab).sendall(frame("www.example.test"))
     # The active server is probed again at once, not a minute later.
     assert len(up.wait_queries(2, timeout=5, where=is_probe)) == 2
