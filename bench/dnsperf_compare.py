@@ -1,8 +1,10 @@
 #!/usr/bin/python3
-"""dnsperf against dnsproxy and dnsmasq in the same lab, one after the other, in two roles:
+"""dnsperf against dnsproxy and dnsmasq in the same lab, one after the other, in three roles:
 
   forward  pure forwarding to the lab's authoritative server (knotd in wan), no caching
   local    answers from the proxy's own table (a D2A entry; dnsmasq --address)
+  tcp      the forward role with the clients over TCP (dnsperf -m tcp), so that the daemons
+           forward over TCP too
 
 Prints queries per second, average latency and peak RSS of both, and their ratios
 (dnsproxy / dnsmasq). A third role, not run unless asked for with --roles:
@@ -20,7 +22,7 @@ machine is doing, unlike the timings. Usage, as root, after building
 build/dnsproxy (release build):
 
     bench/dnsperf_compare.py [--seconds 10] [--clients 4] [--outstanding 100] [--instructions]
-                             [--roles forward,local,edns] [--neighbours N]
+                             [--roles forward,local,tcp,edns] [--neighbours N]
 """
 import argparse
 import os
@@ -48,11 +50,11 @@ def rss_peak_kib(pid):
     return 0
 
 
-def run_dnsperf(lab, names, seconds, clients, outstanding, server=GW_LAN_V4):
+def run_dnsperf(lab, names, seconds, clients, outstanding, server=GW_LAN_V4, mode="udp"):
     qfile = lab.dir / "queries.txt"
     qfile.write_text("\n".join(names) + "\n")
-    r = subprocess.run(lab.exec_argv("lan", ["dnsperf", "-s", server, "-d", str(qfile), "-l", str(seconds),
-                                             "-c", str(clients), "-q", str(outstanding), "-t", "2"]),
+    r = subprocess.run(lab.exec_argv("lan", ["dnsperf", "-m", mode, "-s", server, "-d", str(qfile), "-l",
+                                             str(seconds), "-c", str(clients), "-q", str(outstanding), "-t", "2"]),
                        capture_output=True, text=True, timeout=seconds + 60)
     out = r.stdout
     qps = float(re.search(r"Queries per second:\s+([\d.]+)", out).group(1))
@@ -60,6 +62,10 @@ def run_dnsperf(lab, names, seconds, clients, outstanding, server=GW_LAN_V4):
     lost = int(re.search(r"Queries lost:\s+(\d+)", out).group(1))
     done = int(re.search(r"Queries completed:\s+(\d+)", out).group(1))
     return {"qps": qps, "latency_ms": lat * 1000, "lost": lost, "completed": done}
+
+
+def mode_of(role):
+    return "tcp" if role == "tcp" else "udp"
 
 
 def cpu_seconds(pid):
@@ -86,7 +92,7 @@ def dnsmasq_argv(lab, role):
 def wait_answering(lab, role, timeout=60, server=GW_LAN_V4):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
-        name = "www.lab.example" if role == "forward" else "printer.home"
+        name = "printer.home" if role == "local" else "www.lab.example"
         if not lab.query(name, server=server, timeout=0.5).get("timeout"):
             return
     raise RuntimeError("the daemon under test does not answer")
@@ -124,8 +130,8 @@ def instructions_per_query(lab, argv, role, queries=12000):
 def bench_dnsproxy(lab, role, args):
     configure_dnsproxy(lab)
     d = lab.start_dnsproxy()
-    names = FORWARD_NAMES if role == "forward" else LOCAL_NAMES
-    res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding)
+    names = LOCAL_NAMES if role == "local" else FORWARD_NAMES
+    res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding, mode=mode_of(role))
     res["rss_kib"] = rss_peak_kib(d.pid)
     d.stop()
     return res
@@ -157,8 +163,8 @@ def bench_dnsmasq(lab, role, args):
                             stderr=subprocess.DEVNULL)
     try:
         wait_answering(lab, role)
-        names = FORWARD_NAMES if role == "forward" else LOCAL_NAMES
-        res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding)
+        names = LOCAL_NAMES if role == "local" else FORWARD_NAMES
+        res = run_dnsperf(lab, names, args.seconds, args.clients, args.outstanding, mode=mode_of(role))
         res["rss_kib"] = rss_peak_kib(proc.pid)
     finally:
         proc.terminate()
@@ -172,21 +178,21 @@ def main():
     p.add_argument("--clients", type=int, default=4)
     p.add_argument("--outstanding", type=int, default=100)
     p.add_argument("--instructions", action="store_true", help="also count instructions per query (callgrind)")
-    p.add_argument("--roles", default="forward,local", help="comma-separated: forward, local, edns")
+    p.add_argument("--roles", default="forward,local", help="comma-separated: forward, local, tcp, edns")
     p.add_argument("--neighbours", type=int, default=0, help="extra IPv6 neighbour entries for the edns role")
     args = p.parse_args()
     roles = args.roles.split(",")
     lab = Lab().up()
     results = {}
     try:
-        if "forward" in roles or "local" in roles:
+        if {"forward", "local", "tcp"} & set(roles):
             lab.start_knot()
         if "edns" in roles:
             results.update(bench_edns(lab, args))
-        for role in [r for r in ("forward", "local") if r in roles]:
+        for role in [r for r in ("forward", "local", "tcp") if r in roles]:
             results[(role, "dnsproxy")] = bench_dnsproxy(lab, role, args)
             results[(role, "dnsmasq")] = bench_dnsmasq(lab, role, args)
-            if args.instructions:
+            if args.instructions and role != "tcp":
                 configure_dnsproxy(lab)
                 results[(role, "dnsproxy")]["ipq"] = instructions_per_query(lab, [dnsproxy_binary()], role)
                 results[(role, "dnsmasq")]["ipq"] = instructions_per_query(lab, dnsmasq_argv(lab, role), role)
@@ -201,14 +207,14 @@ def main():
         print(f"edns     qps IPv6/IPv4 {v6['qps'] / v4['qps']:.2f}; daemon CPU per query {v4['cpu_us']:.2f} us "
               f"IPv4, {v6['cpu_us']:.2f} us IPv6 ({v4['cpu_us'] / v6['cpu_us']:.2f}); "
               f"{args.neighbours} extra neighbour entries")
-    compared = [r for r in ("forward", "local") if r in roles]
+    compared = [r for r in ("forward", "local", "tcp") if r in roles]
     if compared:
         print("ratios dnsproxy/dnsmasq (qps: higher is better; latency, RSS: lower is better)")
     for role in compared:
         a, b = results[(role, "dnsproxy")], results[(role, "dnsmasq")]
         line = (f"{role:8} qps {a['qps'] / b['qps']:.2f}  latency {a['latency_ms'] / b['latency_ms']:.2f}  "
                 f"RSS {a['rss_kib'] / b['rss_kib']:.2f}")
-        if args.instructions:
+        if "ipq" in a:
             line += f"  instructions/query {a['ipq']:.0f} vs {b['ipq']:.0f} ({a['ipq'] / b['ipq']:.2f})"
         print(line)
     return 0

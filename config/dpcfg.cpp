@@ -20,6 +20,7 @@ constexpr dpcfg_config make_defaults() {
     c.server_socket_src_port_start = 57200;
     c.server_socket_src_port_end = 57300;
     c.send_mode_for_client_response = 1;
+    c.is_tcp_enabled = 1;
     const char br0[] = "br0";
     const char home[] = "Home";
     const char conf[] = "/etc/flipla.conf";
@@ -103,8 +104,9 @@ constexpr key_row kKeyTable[] = {
     DPCFG_KEY(hosts_file, hosts_file, nullptr, parse_text),
     // Extensions, after the 17 keys of the file's own format.
     DPCFG_KEY(EnableHardenedMode, is_hardened_mode_enabled, nullptr, parse_bool),
+    DPCFG_KEY(EnableTcp, is_tcp_enabled, nullptr, parse_bool),
 };
-static_assert(std::size(kKeyTable) == 17 + 1);
+static_assert(std::size(kKeyTable) == 17 + 2);
 
 #undef DPCFG_KEY
 

@@ -36,6 +36,7 @@ struct dpcfg_config {
     char first_wan_ifname[128]; // set by the DNS filter's WAN-name signal; no file key
     // Extensions: switched by their own keys, never printed by the configuration dump.
     uint32_t is_hardened_mode_enabled; // EnableHardenedMode, JSON feature "hardened"
+    uint32_t is_tcp_enabled;           // EnableTcp: DNS over TCP for clients and upstreams
 };
 
 // Deployment settings, compiled in (listed for operators in docs/).
@@ -168,6 +169,9 @@ inline const char* dpcfg_first_wan_ifname() {
 }
 inline uint32_t dpcfg_is_hardened_mode_enabled() {
     return dpcfg_get().is_hardened_mode_enabled;
+}
+inline uint32_t dpcfg_is_tcp_enabled() {
+    return dpcfg_get().is_tcp_enabled;
 }
 
 // ---- setters: each stores 1 for a non-zero value and 0 otherwise, and returns 0 ------------

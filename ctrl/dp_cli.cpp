@@ -13,6 +13,7 @@
 #include "ctrl/dp_cliout.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
+#include "io/dpio.h"
 #include "main/dpxy.h"
 #include "platform/kutl/kutl.h"
 #include "platform/rjson/rjson.h"
@@ -132,11 +133,16 @@ static_assert(std::size(kCommands) == 16);
 int cmd_view_security(int, const char* const*) {
     return dpxy_view_security();
 }
+int cmd_view_tcp(int, const char* const*) {
+    dpio_tcp_view();
+    return 0;
+}
 
 // Commands of the extensions, tried only when the table above matches nothing (so they change
 // neither its rows nor its help text).
 constexpr kutl_cli_cmd kExtensionCommands[] = {
     {"view security", 0, {}, cmd_view_security},
+    {"view tcp", 0, {}, cmd_view_tcp},
 };
 
 // Output back where it was at start-up, terminal or not, so that the daemon never keeps writing

@@ -160,3 +160,7 @@ int dpedns_insert_mac_option(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
 // not parse puts message, length and info back from backup. 0, or -1 when there is no OPT
 // record.
 int dpedns_strip_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len, msginf* info);
+// The same for a message of any length (up to 65,535 bytes) without a backup: the record is
+// moved behind the message's new end, and put back from there when the result does not parse.
+// Traced as dpedns_strip_option41.
+int dpedns_strip_option41_in(uint8_t* msg, uint16_t* len, msginf* info);

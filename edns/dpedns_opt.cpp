@@ -208,16 +208,49 @@ int append_mac_header(uint8_t* msg, uint16_t* len, const rrinf& opt,
     return 0;
 }
 
-void strip_edns_header(uint8_t* msg, uint16_t* len, const msginf* info) {
+// Takes the first OPT record out of the message. keep: the record is moved behind the new end
+// instead of being overwritten, so that it can be put back; *opt is where it was (rr_len 0 when
+// nothing was taken out).
+void strip_edns_header(uint8_t* msg, uint16_t* len, const msginf* info, bool keep, rrinf* opt) {
     DPMAIN_TRACE(DP_PKT, "strip_edns_header Entered..\n");
-    rrinf opt;
-    if (is_edns_present(msg, *len, info, &opt) < 0) {
+    *opt = {};
+    if (is_edns_present(msg, *len, info, opt) < 0) {
         DPMAIN_TRACE(DP_PKT, "Edns Header Not found in the pkt.\n");
+        *opt = {};
         return;
     }
     DPMAIN_TRACE(DP_PKT, "Edns Header found.Going to strip it..\n");
-    cut_out(msg, len, opt.offset, opt.rr_len);
+    if (!keep) {
+        cut_out(msg, len, opt->offset, opt->rr_len);
+    } else if (opt->offset <= *len && opt->rr_len <= *len - opt->offset) {
+        std::rotate(msg + opt->offset, msg + opt->offset + opt->rr_len, msg + *len);
+        *len = static_cast<uint16_t>(*len - opt->rr_len);
+    } else {
+        opt->rr_len = 0;
+    }
     DPMAIN_TRACE(DP_PKT, "strip_edns_header Exit..\n");
+}
+
+// The steps of the strip, traced as the operation fn; put_back() undoes them when the result does
+// not parse.
+template <typename PutBack>
+int strip_option41(const char* fn, uint8_t* msg, uint16_t* len, size_t max_len, msginf* info,
+                   bool keep, rrinf* cut, PutBack put_back) {
+    DPMAIN_TRACE_AS(fn, DP_PKT, "dpOpt41Strip Enter..\n");
+    rrinf opt;
+    if (*len > max_len || is_edns_present(msg, *len, info, &opt) < 0) {
+        DPMAIN_TRACE_AS(fn, DP_PKT, "Edns Header Not found in the response pkt.\n");
+        return -1;
+    }
+    modify_array_count(msg, *len, 0);
+    strip_edns_header(msg, len, info, keep, cut);
+    const int ret = dpendec_compose_dns_msg_inf(msg, *len, info);
+    if (ret < 0) {
+        DPMAIN_TRACE_AS(fn, DP_PKT, "Error After strip : %d\n", ret);
+        put_back();
+    }
+    DPMAIN_TRACE_AS(fn, DP_PKT, "dpOpt41Strip Exit..\n");
+    return 0;
 }
 
 // Puts message and length back as the backup holds them.
@@ -466,20 +499,24 @@ int dpedns_insert_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len,
 }
 
 int dpedns_strip_option41(const dns_pkt* backup, uint8_t* msg, uint16_t* len, msginf* info) {
-    DPMAIN_TRACE(DP_PKT, "dpOpt41Strip Enter..\n");
-    rrinf opt;
-    if (*len > DPENDEC_MSG_SIZE || is_edns_present(msg, *len, info, &opt) < 0) {
-        DPMAIN_TRACE(DP_PKT, "Edns Header Not found in the response pkt.\n");
-        return -1;
-    }
-    modify_array_count(msg, *len, 0);
-    strip_edns_header(msg, len, info);
-    const int ret = dpendec_compose_dns_msg_inf(msg, *len, info);
-    if (ret < 0) {
-        DPMAIN_TRACE(DP_PKT, "Error After strip : %d\n", ret);
+    rrinf cut;
+    return strip_option41(__func__, msg, len, DPENDEC_MSG_SIZE, info, false, &cut, [&] {
         restore_message(backup, msg, len);
         *info = backup->inf;
-    }
-    DPMAIN_TRACE(DP_PKT, "dpOpt41Strip Exit..\n");
-    return 0;
+    });
+}
+
+int dpedns_strip_option41_in(uint8_t* msg, uint16_t* len, msginf* info) {
+    if (*len < DPENDEC_HEADER_SIZE) return -1;
+    const msginf before = *info;
+    const uint16_t old_len = *len;
+    const uint8_t arcount[2] = {msg[10], msg[11]};
+    rrinf cut;
+    return strip_option41("dpedns_strip_option41", msg, len, UINT16_MAX, info, true, &cut, [&] {
+        std::rotate(msg + cut.offset, msg + *len, msg + old_len);
+        *len = old_len;
+        msg[10] = arcount[0];
+        msg[11] = arcount[1];
+        *info = before;
+    });
 }

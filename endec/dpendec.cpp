@@ -576,8 +576,12 @@ int dpendec_compose_dns_msg_inf(const uint8_t* msg, uint16_t len, msginf* info) 
 }
 
 int dpendec_compose_ipstrs(const dns_pkt* pkt, int32_t* ttl, std::span<char> out, uint32_t budget) {
-    const msginf& info = pkt->inf;
-    const auto msg = pkt_view(pkt);
+    return dpendec_compose_ipstrs_in(pkt_view(pkt), &pkt->inf, ttl, out, budget);
+}
+
+int dpendec_compose_ipstrs_in(std::span<const uint8_t> msg, const msginf* inf, int32_t* ttl,
+                              std::span<char> out, uint32_t budget) {
+    const msginf& info = *inf;
     *ttl = INT32_MAX;
     std::fill(out.begin(), out.end(), '\0');
     size_t used = 0;
@@ -723,10 +727,17 @@ void dpendec_replace_qname(dns_pkt* pkt, const char* name) {
 }
 
 void dpendec_restore_qname(dns_pkt* pkt, const char* name) {
+    uint8_t scratch[DPENDEC_MSG_SIZE];
+    dpendec_restore_qname_in(pkt->buf, &pkt->len, &pkt->inf, name, scratch);
+}
+
+void dpendec_restore_qname_in(std::span<uint8_t> area, uint16_t* len, const msginf* inf,
+                              const char* name, std::span<uint8_t> scratch) {
     uint8_t wire[DPENDEC_NAME_SIZE];
     const int n = compose_dname(name, wire);
-    const msginf& info = pkt->inf;
-    const auto msg = pkt_view(pkt);
+    const msginf& info = *inf;
+    const std::span<const uint8_t> msg = area.first(std::min<size_t>(*len, area.size()));
+    scratch = scratch.first(std::min(scratch.size(), area.size()));
 
     // Header, the client's name, the response's TYPE and CLASS.
     wire_reader r(msg);
@@ -734,7 +745,6 @@ void dpendec_restore_qname(dns_pkt* pkt, const char* name) {
     r.skip(info.qd.name_len);
     const auto rest =
         r.bytes(info.qd.rr_len >= info.qd.name_len ? info.qd.rr_len - info.qd.name_len : SIZE_MAX);
-    uint8_t scratch[DPENDEC_MSG_SIZE];
     wire_writer w(scratch);
     w.bytes(header);
     w.bytes({wire, static_cast<size_t>(n)});
@@ -763,6 +773,6 @@ void dpendec_restore_qname(dns_pkt* pkt, const char* name) {
     counts.u16(copied);
     counts.u16(0);
     counts.u16(0);
-    std::copy_n(scratch, new_len, pkt->buf);
-    pkt->len = static_cast<uint16_t>(new_len);
+    std::copy_n(scratch.data(), new_len, area.data());
+    *len = static_cast<uint16_t>(new_len);
 }

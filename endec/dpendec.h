@@ -142,6 +142,9 @@ inline constexpr uint32_t DPENDEC_IPSTRS_SLACK = DPENDEC_MAX_AN;
 // budget lasts, and reports their lowest TTL (2147483647 when none). Always 1. Never writes
 // beyond out, which should hold budget + DPENDEC_IPSTRS_SLACK bytes.
 int dpendec_compose_ipstrs(const dns_pkt* pkt, int32_t* ttl, std::span<char> out, uint32_t budget);
+// The same for a message held elsewhere than in a dns_pkt (a TCP answer).
+int dpendec_compose_ipstrs_in(std::span<const uint8_t> msg, const msginf* info, int32_t* ttl,
+                              std::span<char> out, uint32_t budget);
 
 // Debug dumps, written to standard error whatever the masks (callers test their mask).
 void dpendec_dump_header(const dns_header* header);
@@ -175,3 +178,7 @@ void dpendec_replace_qname(dns_pkt* pkt, const char* name);
 // Answers that would not fit the 2048-byte buffer are left out; an index that does not fit the
 // message leaves the packet unchanged.
 void dpendec_restore_qname(dns_pkt* pkt, const char* name);
+// The same for the *len bytes of a message in area (its capacity), built in scratch (distinct
+// from area) and copied back: answers that fit neither are left out.
+void dpendec_restore_qname_in(std::span<uint8_t> area, uint16_t* len, const msginf* info,
+                              const char* name, std::span<uint8_t> scratch);

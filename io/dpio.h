@@ -3,7 +3,10 @@
 
 #include <netinet/in.h>
 
+#include <climits>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "platform/csmsg/csmsg.h"
 
@@ -15,6 +18,9 @@ struct dp_peer_addr {
     uint8_t addr[16]; // as received, network order
     uint32_t port;    // host order
     sockaddr_in6 sa;  // the source address exactly as the kernel returned it
+    // Extension: 0 for a datagram; else the TCP connection it came on (slot and generation, see
+    // dpio_tcp_send_answer), where its answer goes back.
+    uint32_t tcp;
 };
 
 enum dpio_peer_kind : uint32_t {
@@ -47,7 +53,8 @@ uint16_t dpio_get_server_port();
 
 // sendto(2) of buf to addr (16 bytes) and port through sock: what sendto returns.
 int send_packet(int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len);
-// Answers a client through the client socket, as the configured send mode says.
+// Answers a client through the client socket, as the configured send mode says; a client of a
+// TCP connection gets the answer framed on that connection.
 int send_packet_x(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len);
 int dpio_send_to_client(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len);
 int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len);
@@ -98,6 +105,9 @@ enum dpio_answer_check : int {
 // always and *e is left empty (fd -1).
 void dpio_begin_sends(dpio_expect* e);
 void dpio_end_sends();
+// The same, with the queries of the bracket going to the servers over TCP (dpio_tcp_send_query):
+// the recorded socket is then DPIO_TCP_STREAM_FD, the one TCP answers are checked as read from.
+void dpio_begin_sends(dpio_expect* e, bool over_tcp);
 // Whether the answer msg (len bytes, at least a header), read from fd and sent by from, is the
 // answer to the recorded query.
 int dpio_check_answer(const dpio_expect* e, int fd, const dp_peer_addr* from, const uint8_t* msg,
@@ -118,6 +128,133 @@ bool dpio_is_server_fd(int fd);
 int dpio_pool_ports(uint16_t* ports, int max);
 // Closes every pool socket (shutdown, tests).
 void dpio_pool_close();
+
+// ---- DNS over TCP (extension, EnableTcp)
+// ---------------------------------------------------------
+//
+// Clients: a dual-stack listening socket on port 53 beside the client socket, served by the poll
+// loop like the others. Each message carries a 2-byte length prefix; a client may send several
+// queries without waiting, and answers go back in the order they come. Upstreams: one connection
+// per server address, opened when a query of a TCP client is to go there, pipelined, closed when
+// idle. Buffers are per connection, taken when bytes wait and given back when none do.
+
+inline constexpr int DPIO_TCP_MAX_CLIENTS = 64;         // a new one beyond closes the oldest idle
+inline constexpr uint32_t DPIO_TCP_IDLE = 10;           // seconds without progress
+inline constexpr int DPIO_TCP_CLIENT_INFLIGHT = 16;     // queries of one client awaiting answers
+inline constexpr uint32_t DPIO_TCP_MAX_MESSAGE = 65535; // what a 2-byte length can announce
+inline constexpr uint32_t DPIO_TCP_MAX_QUERY = 2048;    // longer queries are read and dropped
+inline constexpr int DPIO_TCP_MAX_UPSTREAMS = 16;       // upstream connections, one per server
+inline constexpr int DPIO_TCP_UPSTREAM_INFLIGHT = 256;  // queries awaiting answers on one
+inline constexpr uint32_t DPIO_TCP_CONNECT_TIME = 3;    // seconds a connect may take
+inline constexpr uint32_t DPIO_TCP_INFLIGHT_TIME = 6;   // a query's slot outlives its pcb (5 s)
+inline constexpr uint32_t DPIO_TCP_SNDBUF = 64 * 1024;  // kernel send buffer of a client
+// The socket TCP answers are checked as read from (hardened mode); no descriptor has it.
+inline constexpr int DPIO_TCP_STREAM_FD = INT_MAX;
+
+// ---- framing: pure, no socket ----
+
+// Bytes of a stream not yet taken: a linear heap buffer, null while nothing waits.
+struct dpio_stream {
+    uint8_t* buf = nullptr;
+    uint32_t len = 0;
+    uint32_t cap = 0;
+};
+
+inline constexpr int DPIO_FRAME_MORE = 0;    // no whole message at the front
+inline constexpr int DPIO_FRAME_MESSAGE = 1; // *msg is the first message
+inline constexpr int DPIO_FRAME_BAD = -1;    // a zero length, or one above max
+inline constexpr int DPIO_FRAME_NOMEM = -2;  // the rest could not be kept
+
+// The first message of in (behind its length prefix) into *msg; in stays as it is.
+int dpio_frame_cut(std::span<const uint8_t> in, uint32_t max, std::span<const uint8_t>* msg);
+
+// Takes one message: true when it was taken, false to stop (it stays held, with what follows).
+using dpio_frame_sink = bool (*)(void* ctx, std::span<const uint8_t> msg);
+
+// Hands every whole message of what s holds followed by data to sink, in order, until the sink
+// stops; keeps the rest (a message cut short, and what the sink did not take) in s. Messages are
+// handed out of data itself while nothing was held. DPIO_FRAME_MORE when all was taken or kept,
+// else DPIO_FRAME_BAD or DPIO_FRAME_NOMEM (the stream is then of no further use).
+int dpio_stream_take(dpio_stream* s, std::span<const uint8_t> data, uint32_t max,
+                     dpio_frame_sink sink, void* ctx);
+// Appends bytes; false when memory cannot be had.
+bool dpio_stream_append(dpio_stream* s, std::span<const uint8_t> data);
+// Drops the first n bytes; the buffer is given back once nothing is left.
+void dpio_stream_consume(dpio_stream* s, size_t n);
+void dpio_stream_free(dpio_stream* s);
+
+// ---- connections ----
+
+// What the proxy core does with what arrives; set once at start-up.
+struct dpio_tcp_hooks {
+    // A client's query (at most DPIO_TCP_MAX_QUERY bytes); client->tcp names its connection.
+    void (*query)(const dp_peer_addr* client, std::span<const uint8_t> msg);
+    // An upstream's answer; from holds the server's address and port 53.
+    void (*answer)(const dp_peer_addr* from, std::span<const uint8_t> msg);
+    // A connection to the server at addr could not be made (refused or timed out).
+    void (*connect_failed)(const uint8_t* addr);
+    // The query (as sent) of the pending query with this server id, while it still waits with
+    // it: false when it is gone or holds an answer.
+    bool (*pending_query)(uint16_t id, std::span<const uint8_t>* msg);
+};
+void dpio_tcp_set_hooks(const dpio_tcp_hooks& hooks);
+
+// Opens the listening socket on port 53 and registers it with the loop; 0, or -1 (traced).
+int dpio_tcp_listen();
+bool dpio_tcp_listening();
+
+// Frames an answer onto the client connection named by peer->tcp (when it still is the one the
+// query came on): what was sent or queued (len), or -1 when the connection is gone or had to be
+// closed. Frees the query's in-flight slot.
+int dpio_tcp_send_answer(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len);
+// The descriptor of a client connection, -1 when it is gone; of the connection to a server.
+int dpio_tcp_client_fd(uint32_t token);
+int dpio_tcp_upstream_fd(const uint8_t* addr);
+// Queues a query on the connection to the server at addr (port 53), opening it when there is
+// none: len, or -1 when no connection can be had or it has all the queries it takes.
+int dpio_tcp_send_query(const uint8_t* addr, const uint8_t* buf, uint16_t len);
+
+// Once a tick: idle, stalled and half-read connections are closed, connects that take too long
+// fail, slots of queries that were never answered are freed.
+void dpio_tcp_tick(uint32_t now);
+// Serves what clients sent while they had all the queries in flight they may have; called after
+// the loop handled events (answers free slots).
+void dpio_tcp_pump();
+// Closes every connection and the listening socket (shutdown, tests).
+void dpio_tcp_close_all();
+
+// Why connections were closed.
+enum dpio_tcp_close_reason : int {
+    DPIO_TCP_CLOSED_PEER = 0, // the other side closed or reset it
+    DPIO_TCP_CLOSED_IDLE,     // nothing for DPIO_TCP_IDLE seconds
+    DPIO_TCP_CLOSED_CUT,      // a message cut short: closed mid-message, or half-read when idle
+    DPIO_TCP_CLOSED_FRAMING,  // a zero length (or one above the limit)
+    DPIO_TCP_CLOSED_STALLED,  // answers not read (a client), queries not answered (an upstream)
+    DPIO_TCP_CLOSED_EVICTED,  // the oldest idle client, for a new one beyond the cap
+    DPIO_TCP_CLOSED_ERROR,    // a read or write error, or no memory
+    DPIO_TCP_CLOSED_REASONS,
+};
+
+struct dpio_tcp_stats {
+    uint32_t accepted;
+    uint32_t refused; // beyond the cap with no idle one to close
+    uint32_t client_closed[DPIO_TCP_CLOSED_REASONS];
+    uint32_t queries;
+    uint32_t answers;
+    uint32_t queries_dropped; // shorter than a header, or longer than DPIO_TCP_MAX_QUERY
+    uint32_t answers_lost;    // for a connection that was gone
+    uint32_t connects;
+    uint32_t connect_failed;
+    uint32_t upstream_closed[DPIO_TCP_CLOSED_REASONS];
+    uint32_t upstream_queries;
+    uint32_t upstream_answers;
+    uint32_t upstream_refused; // no connection could be had, or it was full
+    uint32_t upstream_retried; // sent again after the server closed with them unanswered
+    uint32_t truncated;        // too-long UDP answers turned into truncated ones
+};
+dpio_tcp_stats& dpio_tcp_counters();
+// "view tcp": the connections and the counters on standard error.
+void dpio_tcp_view();
 
 // ---- module message channel -------------------------------------------------------------------
 //

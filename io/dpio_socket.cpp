@@ -75,6 +75,7 @@ uint64_t pool_order = 0;
 uint32_t last_rotation = 0;
 dpio_dispatch server_dispatch = nullptr;
 dpio_expect* recording = nullptr; // the query being sent, between dpio_begin/end_sends
+bool over_tcp = false;            // the sends of that bracket go over TCP
 
 bool in_use(const pool_socket& s) {
     return s.fd >= 0 && s.retire_at == 0;
@@ -254,6 +255,13 @@ int send_packet(int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf
 }
 
 int send_packet_x(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len) {
+    if (peer->tcp != 0) {
+        const int sock = dpio_tcp_client_fd(peer->tcp);
+        const int ret = dpio_tcp_send_answer(peer, buf, len);
+        trace_send(__func__, __LINE__, sock, peer->addr, static_cast<uint16_t>(peer->port), buf,
+                   len, ret);
+        return ret;
+    }
     if (dpcfg_send_mode_for_client_response() == 0) {
         return send_packet(client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf, len);
     }
@@ -275,6 +283,12 @@ int dpio_send_to_client(const uint8_t* addr, uint16_t port, const uint8_t* buf, 
 }
 
 int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
+    if (over_tcp) {
+        const int ret = dpio_tcp_send_query(addr, buf, len);
+        trace_send(__func__, __LINE__, dpio_tcp_upstream_fd(addr), addr, port, buf, len, ret);
+        if (ret > 0 && recording != nullptr) record_send(recording, addr, port, buf, len);
+        return ret;
+    }
     if (recording == nullptr) return send_packet(server_fd, addr, port, buf, len);
     const int ret = send_packet(recording->fd, addr, port, buf, len);
     if (ret > 0) record_send(recording, addr, port, buf, len);
@@ -306,6 +320,7 @@ int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, 
     std::memcpy(peer->addr, &from.sin6_addr, 16);
     peer->port = ntohs(from.sin6_port);
     peer->kind = is_v4_mapped(peer->addr) ? DPIO_PEER_IPV4 : DPIO_PEER_IPV6;
+    peer->tcp = 0;
     if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
         char text[INET6_ADDRSTRLEN] = "";
         inet_ntop(AF_INET6, peer->addr, text, sizeof text);
@@ -355,11 +370,21 @@ void dpio_dump_info() {
 // ---- hardened mode ------------------------------------------------------------------------------
 
 void dpio_begin_sends(dpio_expect* e) {
+    dpio_begin_sends(e, false);
+}
+
+void dpio_begin_sends(dpio_expect* e, bool tcp) {
     e->fd = -1;
     e->count = 0;
     e->qlen = 0;
     recording = nullptr;
+    over_tcp = tcp;
     if (dpcfg_is_hardened_mode_enabled() == 0) return;
+    if (tcp) {
+        e->fd = DPIO_TCP_STREAM_FD; // TCP answers are checked as read from this one
+        recording = e;
+        return;
+    }
     const pool_socket* chosen[kPoolSlots];
     int n = 0;
     for (const auto& s : pool) {
@@ -372,6 +397,7 @@ void dpio_begin_sends(dpio_expect* e) {
 
 void dpio_end_sends() {
     recording = nullptr;
+    over_tcp = false;
 }
 
 int dpio_check_answer(const dpio_expect* e, int fd, const dp_peer_addr* from, const uint8_t* msg,
@@ -444,4 +470,5 @@ void dpio_pool_close() {
         if (s.fd >= 0) close_pool_socket(s);
     }
     recording = nullptr;
+    over_tcp = false;
 }

@@ -100,6 +100,9 @@ int dpxy_handle_client_packet(int fd);
 int dpxy_handle_server_packet(int fd);
 // Socket dispatch callback of the bus loop: drains the readable socket, one datagram at a time.
 int dpxy_dispatch_socket(struct pollfd* entry);
+// DNS over TCP (EnableTcp): hands the TCP connections' queries and answers to the pipelines and
+// opens the listening socket when enabled. After the client socket is open.
+void dpxy_tcp_start();
 
 // The tick: registered as the 1000 ms time-out handler and as the event observer; does its work
 // at most once per monotonic second.

@@ -98,9 +98,11 @@ bool opt_key(const dns_pkt& pkt, uint8_t* do_bit, char* mac) {
 // EDNS handling, DO bit, client-MAC option and D2D name.
 bool same_question(const dpxy_pcb& p, const dpxy_pcb& image, const dns_pkt& pkt) {
     const rrinf& qd = pkt.inf.qd;
-    if (p.source != DPXY_SRC_CLIENT || p.expect.qlen != qd.rr_len || qd.offset != 12 ||
-        p.edns_mode != image.edns_mode || p.do_bit != image.do_bit ||
-        std::strcmp(p.mac, image.mac) != 0 || strcasecmp(p.d2d_name, image.d2d_name) != 0) {
+    // A datagram client never joins a TCP one (its answer may be longer than a datagram).
+    if (p.source != DPXY_SRC_CLIENT || (p.client.tcp != 0) != (image.client.tcp != 0) ||
+        p.expect.qlen != qd.rr_len || qd.offset != 12 || p.edns_mode != image.edns_mode ||
+        p.do_bit != image.do_bit || std::strcmp(p.mac, image.mac) != 0 ||
+        strcasecmp(p.d2d_name, image.d2d_name) != 0) {
         return false;
     }
     const uint8_t* q = pkt.buf + 12;
@@ -125,18 +127,16 @@ void dpxy_hard_init() {
     dputl_set_id_in_use(id_in_use);
 }
 
-int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, const dns_pkt& pkt) {
-    const uint16_t id = pkt.inf.id;
+int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, uint16_t id, const uint8_t* msg,
+                           uint16_t len) {
     int ret = DPIO_ANSWER_UNKNOWN_ID;
     if (const dpxy_pcb* pcb = dpxy_find_pcb(id); pcb != nullptr) {
         // Sent before hardened mode was switched on: nothing was recorded to check against.
         if (pcb->expect.fd < 0) return DPIO_ANSWER_OK;
-        ret = dpio_check_answer(&pcb->expect, fd, &from, pkt.buf, pkt.len);
-    } else if (const int probe = dpsvr_check_probe_answer(id, fd, &from, pkt.buf, pkt.len);
-               probe >= 0) {
+        ret = dpio_check_answer(&pcb->expect, fd, &from, msg, len);
+    } else if (const int probe = dpsvr_check_probe_answer(id, fd, &from, msg, len); probe >= 0) {
         ret = probe;
-    } else if (const int status = dpxy_check_status_answer(id, fd, &from, pkt.buf, pkt.len);
-               status >= 0) {
+    } else if (const int status = dpxy_check_status_answer(id, fd, &from, msg, len); status >= 0) {
         ret = status;
     }
     if (ret != DPIO_ANSWER_OK) stats.dropped[ret]++;

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
@@ -41,116 +43,223 @@ void process_primary_dns_status(const dp_peer_addr& from, const msginf& info) {
     dpsvr_set_primary_dns_status(from.addr, rcode == 0 ? 1 : 0);
 }
 
+// An answer worked on in place: len bytes in an area of cap bytes (a dns_pkt's for a datagram,
+// the TCP answer area for a TCP answer), its parsed view, and room to rebuild it.
+struct answer {
+    uint8_t* buf;
+    uint16_t len;
+    size_t cap;
+    msginf& inf;
+    std::span<uint8_t> scratch;
+};
+
 // Local-address resolver and modules: the answer's addresses, or status -1 without any.
-int respond_to_requester(dpxy_pcb* pcb, dns_pkt& pkt) {
-    if (pkt.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
+int respond_to_requester(dpxy_pcb* pcb, answer& a) {
+    if (a.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
         pcb->response_count++;
         return -2;
     }
     char ipstrs[256 + DPENDEC_IPSTRS_SLACK] = "";
     int32_t ttl = 0;
     int32_t result = -1;
-    if (pkt.inf.ancount != 0) {
-        dpendec_compose_ipstrs(&pkt, &ttl, ipstrs, 255);
+    if (a.inf.ancount != 0) {
+        dpendec_compose_ipstrs_in({a.buf, a.len}, &a.inf, &ttl, ipstrs, 255);
         result = 0;
     }
-    const uint32_t aaaa = pkt.inf.qtype == DPENDEC_TYPE_AAAA ? 1 : 0;
+    const uint32_t aaaa = a.inf.qtype == DPENDEC_TYPE_AAAA ? 1 : 0;
     if (pcb->source == DPXY_SRC_LOCAL) {
-        dpio_send_csmsg_query_response(aaaa, pkt.inf.name, result, ttl, ipstrs);
+        dpio_send_csmsg_query_response(aaaa, a.inf.name, result, ttl, ipstrs);
     } else {
-        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, pkt.inf.name,
+        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, a.inf.name,
                                            result, ttl, ipstrs);
     }
     remove_proxy_ctrlblk(pcb);
     return 0;
 }
 
-int handle_response_to_sock(dpxy_pcb* pcb, dns_pkt& pkt) {
+void restore_d2d(answer& a, const char* name) {
+    dpendec_restore_qname_in({a.buf, a.cap}, &a.len, &a.inf, name, a.scratch);
+}
+
+int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n",
                  pcb->client_id, pcb->server_id, pcb->query_count, pcb->response_count,
-                 pkt.inf.ancount, pcb->d2d_name);
-    const bool has_d2d = pcb->d2d_name[0] != '\0';
-    // An empty answer while other servers may still answer better is held, not relayed.
-    if (pkt.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
-        pcb->response_count++;
-        if (has_d2d) dpendec_restore_qname(&pkt, pcb->d2d_name);
-        pcb->pkt_len = pkt.len;
-        std::memcpy(pcb->pkt, pkt.buf, pkt.len);
-        return -2;
+                 a.inf.ancount, pcb->d2d_name);
+    bool to_restore = pcb->d2d_name[0] != '\0';
+    // An empty answer while other servers may still answer better is held, not relayed; one too
+    // long for the pcb (a TCP answer) is relayed at once.
+    if (a.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
+        if (to_restore) restore_d2d(a, pcb->d2d_name);
+        to_restore = false;
+        if (a.len <= sizeof pcb->pkt) {
+            pcb->response_count++;
+            pcb->pkt_len = a.len;
+            std::memcpy(pcb->pkt, a.buf, a.len);
+            return -2;
+        }
     }
-    if (pkt.inf.ancount != 0 && dpcfg_is_dyn_cache_feat_enabled() != 0) {
-        dpcache_add_dync_cache(pkt.inf.qtype, pkt.inf.name, pkt.inf.hostaddr,
-                               static_cast<uint32_t>(pkt.inf.ttl));
+    if (a.inf.ancount != 0 && dpcfg_is_dyn_cache_feat_enabled() != 0) {
+        dpcache_add_dync_cache(a.inf.qtype, a.inf.name, a.inf.hostaddr,
+                               static_cast<uint32_t>(a.inf.ttl));
     }
-    if (has_d2d) dpendec_restore_qname(&pkt, pcb->d2d_name);
-    pkt.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
-    pkt.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
-    send_packet_x(&pcb->client, pkt.buf, pkt.len);
-    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, pkt.buf, pkt.len);
+    if (to_restore) restore_d2d(a, pcb->d2d_name);
+    a.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
+    a.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
+    send_packet_x(&pcb->client, a.buf, a.len);
+    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, a.buf, a.len);
     remove_proxy_ctrlblk(pcb);
     if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
     return 0;
 }
 
-// Undoes what the proxy did to the query's EDNS on the way out. Stripping works on a backup of
-// the answer as it came (message, length and parsed view), put back if the result no longer
-// parses; the payload rewrite changes two bytes in place and needs none.
-void undo_edns(const dpxy_pcb* pcb, dns_pkt& pkt) {
+// Undoes what the proxy did to the query's EDNS on the way out. The strip puts the answer back as
+// it came (message, length and parsed view) if the result no longer parses; the payload rewrite
+// changes two bytes in place.
+void undo_edns(const dpxy_pcb* pcb, answer& a) {
     if (pcb->edns_mode == DPXY_EDNS_NONE) return;
     if (pcb->edns_mode != DPXY_EDNS_STRIP) {
-        dpedns_update_edns_payload(pkt.buf, pkt.len, &pkt.inf);
+        dpedns_update_edns_payload(a.buf, a.len, &a.inf);
         return;
     }
-    static dns_pkt backup;
-    dpendec_copy_pkt(&backup, &pkt);
-    dpedns_strip_option41(&backup, pkt.buf, &pkt.len, &pkt.inf);
+    dpedns_strip_option41_in(a.buf, &a.len, &a.inf);
 }
 
-int handle_dns_response(int fd, const dp_peer_addr& from, dns_pkt& pkt) {
+int handle_dns_response(int fd, const dp_peer_addr& from, answer& a) {
     // 3. parse
-    int ret = dpendec_compose_dns_msg_inf(pkt.buf, pkt.len, &pkt.inf);
+    int ret = dpendec_compose_dns_msg_inf(a.buf, a.len, &a.inf);
     if (ret < 0) {
         dp_stats.response_format_error++;
         DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x dropped for format err response ret=%d\n",
-                     pkt.len >= 2 ? static_cast<unsigned>(pkt.buf[0] << 8 | pkt.buf[1]) : 0u, ret);
+                     a.len >= 2 ? static_cast<unsigned>(a.buf[0] << 8 | a.buf[1]) : 0u, ret);
         return -20;
     }
     // 4. a response to a question
-    if (is_response_valid(pkt.inf) < 0) {
-        DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x dropped for invalid response\n", pkt.inf.id);
+    if (is_response_valid(a.inf) < 0) {
+        DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x dropped for invalid response\n", a.inf.id);
         return -30;
     }
     // 5. 6. primary status; in hardened mode only from an answer its query expects
-    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", pkt.inf.id, pkt.inf.name,
-                 pkt.inf.hostaddr);
+    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x qname=%s hostaddr=%s\n", a.inf.id, a.inf.name,
+                 a.inf.hostaddr);
     if (dpcfg_is_hardened_mode_enabled() != 0 &&
-        dpxy_hard_check_answer(fd, from, pkt) != DPIO_ANSWER_OK) {
+        dpxy_hard_check_answer(fd, from, a.inf.id, a.buf, a.len) != DPIO_ANSWER_OK) {
         return kForgedAnswer;
     }
-    process_primary_dns_status(from, pkt.inf);
+    process_primary_dns_status(from, a.inf);
     // 7. 8. the pending query, else a probe
-    dpxy_pcb* pcb = dpxy_find_pcb(pkt.inf.id);
+    dpxy_pcb* pcb = dpxy_find_pcb(a.inf.id);
     if (pcb == nullptr) {
-        DPMAIN_TRACE(DP_DETAIL, "no record for server_id=0x%x\n", pkt.inf.id);
-        if (dpsvr_handle_dns_server_probe_response(pkt.inf.id) >= 0) return -40;
-        return handle_auto_query_probe_response(pkt.inf.id, &pkt.inf);
+        DPMAIN_TRACE(DP_DETAIL, "no record for server_id=0x%x\n", a.inf.id);
+        if (dpsvr_handle_dns_server_probe_response(a.inf.id) >= 0) return -40;
+        return handle_auto_query_probe_response(a.inf.id, &a.inf);
     }
     // 9. 10. undo the proxy's EDNS changes: what the query carried decides, not the switch as it
     // stands now, so answers to queries sent before EDNS was switched off are cleaned up too
-    undo_edns(pcb, pkt);
-    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", pkt.inf.id,
+    undo_edns(pcb, a);
+    DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x from=%u pcb=%p query=%u response=%u\n", a.inf.id,
                  static_cast<unsigned>(pcb->source), static_cast<void*>(pcb), pcb->query_count,
                  pcb->response_count);
     // 11. to whoever asked
     switch (pcb->source) {
     case DPXY_SRC_LOCAL:
     case DPXY_SRC_MODULE:
-        return respond_to_requester(pcb, pkt);
+        return respond_to_requester(pcb, a);
     case DPXY_SRC_CLIENT:
-        return handle_response_to_sock(pcb, pkt);
+        return handle_response_to_sock(pcb, a);
     default:
         return -70;
     }
+}
+
+// ---- DNS over TCP ----------------------------------------------------------------------------
+
+// The length of the question at offset 12 (name, TYPE, CLASS) when it lies whole in the len bytes
+// of msg; 0 otherwise.
+size_t question_length(const uint8_t* msg, size_t len) {
+    size_t at = DPENDEC_HEADER_SIZE;
+    while (at < len && msg[at] != 0) {
+        if (msg[at] > 63) return 0;
+        at += 1u + msg[at];
+    }
+    const size_t end = at + 1 + 4;
+    return at < len && end <= len && end - DPENDEC_HEADER_SIZE <= DPENDEC_NAME_SIZE + 4
+               ? end - DPENDEC_HEADER_SIZE
+               : 0;
+}
+
+// A datagram answer too long for the server socket's read limit: its client gets its question
+// back with TC set under its own id at once, and retries over TCP instead of waiting for the pcb
+// to expire. msg holds what was read (header and question at least). Queries of modules and of
+// the local-address resolver are left to expire as before.
+void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size_t len) {
+    const size_t qlen = question_length(msg, len);
+    if (qlen == 0 || (msg[2] & 0x80) == 0 || (msg[4] == 0 && msg[5] == 0)) return;
+    const auto id = static_cast<uint16_t>(msg[0] << 8 | msg[1]);
+    dpxy_pcb* pcb = dpxy_find_pcb(id);
+    if (pcb == nullptr || pcb->source != DPXY_SRC_CLIENT || pcb->client.tcp != 0) return;
+    if (dpcfg_is_hardened_mode_enabled() != 0 &&
+        dpxy_hard_check_answer(fd, from, id, msg,
+                               static_cast<uint16_t>(DPENDEC_HEADER_SIZE + qlen)) !=
+            DPIO_ANSWER_OK) {
+        return;
+    }
+    uint8_t tc[DPENDEC_HEADER_SIZE + DPENDEC_NAME_SIZE + 4] = {};
+    tc[0] = static_cast<uint8_t>(pcb->client_id >> 8);
+    tc[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
+    tc[2] = static_cast<uint8_t>(msg[2] | 0x02); // TC
+    tc[3] = msg[3];
+    tc[5] = 1;
+    size_t n = DPENDEC_HEADER_SIZE;
+    if (pcb->d2d_name[0] != '\0') { // the name the client asked, with the answer's TYPE and CLASS
+        uint8_t wire[DPENDEC_NAME_SIZE];
+        const int wlen = compose_dname(pcb->d2d_name, wire);
+        if (wlen <= 0) return;
+        std::memcpy(tc + n, wire, static_cast<size_t>(wlen));
+        n += static_cast<size_t>(wlen);
+        std::memcpy(tc + n, msg + DPENDEC_HEADER_SIZE + qlen - 4, 4);
+        n += 4;
+    } else {
+        std::memcpy(tc + n, msg + DPENDEC_HEADER_SIZE, qlen);
+        n += qlen;
+    }
+    send_packet_x(&pcb->client, tc, static_cast<uint16_t>(n));
+    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, tc, static_cast<uint16_t>(n));
+    dpio_tcp_counters().truncated++;
+    remove_proxy_ctrlblk(pcb);
+}
+
+void tcp_query(const dp_peer_addr* client, std::span<const uint8_t> msg) {
+    dp_stats.client_packet_recv++;
+    handle_dns_query(DPXY_SRC_CLIENT, "", 0, client, msg.data(), static_cast<uint16_t>(msg.size()));
+}
+
+// A TCP answer is worked on in one area of the largest size a message can have (the loop
+// handles one answer at a time), rebuilt in a second when a D2D name is put back.
+void tcp_answer(const dp_peer_addr* from, std::span<const uint8_t> msg) {
+    static uint8_t area[DPIO_TCP_MAX_MESSAGE];
+    static uint8_t rebuild[DPIO_TCP_MAX_MESSAGE];
+    static msginf inf;
+    dp_stats.server_packet_recv++;
+    const size_t len = std::min(msg.size(), sizeof area);
+    std::memcpy(area, msg.data(), len);
+    answer a{area, static_cast<uint16_t>(len), sizeof area, inf, rebuild};
+    const int ret = handle_dns_response(DPIO_TCP_STREAM_FD, *from, a);
+    DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(a.len), ret);
+}
+
+// A server that refused a TCP connection, or did not take it in time, counts as one that let a
+// query time out.
+bool tcp_pending_query(uint16_t id, std::span<const uint8_t>* msg) {
+    const dpxy_pcb* pcb = dpxy_find_pcb(id);
+    if (pcb == nullptr || pcb->response_count != 0) return false;
+    *msg = {pcb->pkt, pcb->pkt_len};
+    return true;
+}
+
+void tcp_connect_failed(const uint8_t*) {
+    dpsvr_set_primary_dns_status(nullptr, 0);
+    dpxy_count_timed_out();
+    dpsvr_check_dns_server_set_status();
 }
 
 } // namespace
@@ -174,12 +283,21 @@ int dpxy_handle_server_packet(int fd) {
     if (ret == 0) return DPXY_DRAINED;
     if (ret < 0) {
         DPMAIN_TRACE(DP_WARN, "recv server pkt err ret=%d\n", ret);
+        if (ret == -5 && dpio_tcp_listening()) answer_truncated(fd, from, pkt.buf, pkt.len);
         return ret;
     }
     dp_stats.server_packet_recv++;
-    ret = handle_dns_response(fd, from, pkt);
+    uint8_t scratch[DPENDEC_MSG_SIZE];
+    answer a{pkt.buf, pkt.len, sizeof pkt.buf, pkt.inf, scratch};
+    ret = handle_dns_response(fd, from, a);
+    pkt.len = a.len;
     DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
     return ret;
+}
+
+void dpxy_tcp_start() {
+    dpio_tcp_set_hooks({tcp_query, tcp_answer, tcp_connect_failed, tcp_pending_query});
+    if (dpcfg_is_tcp_enabled() != 0) dpio_tcp_listen();
 }
 
 int dpxy_dispatch_socket(struct pollfd* entry) {

@@ -193,6 +193,9 @@ uint32_t dpxy_timed_out_count() {
 void dpxy_reset_timed_out_count() {
     pcbs.timed_out = 0;
 }
+void dpxy_count_timed_out() {
+    if (dpcfg_is_renew_server_socket_enabled() != 0) pcbs.timed_out++;
+}
 
 void dpxy_dump_pcb_info() {
     std::fprintf(stderr, "\nproxy control block(size=%d) current count=%u max=%u:%u\n",

@@ -75,9 +75,11 @@ dpxy_pcb* dpxy_newest_pcb();
 // ---- hardened mode (dpxy_hardened.cpp) ----------------------------------------------------------
 
 struct dns_pkt;
-// Whether an answer read from fd and sent by from is the one its query, probe or status probe
-// expects: DPIO_ANSWER_OK, else the reason (counted) why it is dropped.
-int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, const dns_pkt& pkt);
+// Whether an answer (id, len bytes of msg with its header and question) read from fd and sent by
+// from is the one its query, probe or status probe expects: DPIO_ANSWER_OK, else the reason
+// (counted) why it is dropped.
+int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, uint16_t id, const uint8_t* msg,
+                           uint16_t len);
 // Notes in the pcb image what makes a later query join it: the question's letter case (from the
 // client's query as parsed) and, before forwarding, the DO bit and the client-MAC option.
 void dpxy_hard_note_case(dpxy_pcb& image, const dns_pkt& pkt);
@@ -92,6 +94,8 @@ void dpxy_hard_free_waiters(dpxy_pcb* pcb);
 // Queries that timed out since the last upstream-socket renewal.
 uint32_t dpxy_timed_out_count();
 void dpxy_reset_timed_out_count();
+// Counts one time-out (while upstream-socket renewal is enabled), as an expired pcb does.
+void dpxy_count_timed_out();
 
 // The pcb line of the information dump.
 void dpxy_dump_pcb_info();

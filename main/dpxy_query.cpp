@@ -410,7 +410,8 @@ int forward_query_to_servers(query_ctx& q) {
     DPMAIN_TRACE(DP_DETAIL, "isDslite=%u type=%d\n", dpcfg_is_dslite_enabled(),
                  static_cast<int>(req.type));
     int sentnum = 0;
-    dpio_begin_sends(&q.pcb.expect);
+    // A TCP client's query goes to the servers over TCP: its answer may be long.
+    dpio_begin_sends(&q.pcb.expect, q.pcb.client.tcp != 0);
     const int sent_ret = send_by_family(q, req, &sentnum);
     dpio_end_sends();
     if (sent_ret < 0) return kDropped;

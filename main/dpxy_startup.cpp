@@ -247,6 +247,7 @@ int dpxy_tick() {
     handle_expired_query();
     renew_server_socket_if_stale();
     dpio_pool_tick(now);
+    dpio_tcp_tick(now);
     dpsvr_scan_monitor_list();
     dputl_scan_action_list();
     return 0;

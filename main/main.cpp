@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
     ombusRegisterPollingSocket(dpio_get_server_fd(), dpxy_dispatch_socket, 0, 0);
     dpio_set_server_dispatch(dpxy_dispatch_socket); // hardened mode's pool of server sockets
     dpxy_hard_init();
+    dpxy_tcp_start();
     ombusRegisterPollingTimeOutHandler(1000, dpxy_tick, 1, 0);
     ombusRegisterPollingEventObserver(dpxy_tick, 2, 0);
     rcsd_init(kServiceName);

@@ -26,7 +26,7 @@ def describe(wire):
         msg = dns.message.from_wire(wire)
     except Exception:  # the test looks at the bytes
         return out
-    out["rcode"] = msg.rcode()
+    out["rcode"], out["flags"] = msg.rcode(), msg.flags
     out["question"] = [[q.name.to_text(), dns.rdatatype.to_text(q.rdtype)] for q in msg.question]
     out["answer"] = [[rrset.name.to_text(), rrset.ttl, dns.rdatatype.to_text(rrset.rdtype), rd.to_text()]
                      for rrset in msg.answer for rd in rrset]

@@ -7,14 +7,17 @@
 #
 # Only documentation prefixes and loopback are used. Everything the lab starts is ended by PID,
 # and the namespaces are deleted, when the lab goes down.
+import ctypes
 import itertools
 import json
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -43,7 +46,15 @@ mail    A    203.0.113.25
 cdn     A    203.0.113.30
 cdn     A    203.0.113.31
 alias   CNAME www
+mid     TXT  {mid}
+big     TXT  {big}
 """
+# TXT answers longer than a datagram the proxy reads from upstream (1,024 bytes): mid.lab.example
+# (about 1,150 bytes, still within knot's UDP limit) and big.lab.example (about 3,060 bytes).
+MID_TXT = [f"m{i}" + "m" * 222 for i in range(5)]
+BIG_TXT = [f"b{i:02d}" + "b" * 247 for i in range(12)]
+SAMPLE_ZONE = SAMPLE_ZONE.format(mid=" ".join(f'"{t}"' for t in MID_TXT),
+                                 big=" ".join(f'"{t}"' for t in BIG_TXT))
 
 KNOT_CONF = """server:
     rundir: "{dir}"
@@ -68,7 +79,7 @@ OPEN_POLICY = ('<policy context="default"><allow user="*"/><allow own="*"/>'
 # `ip -batch` commands of each namespace, in this order; {gw} is the gw namespace's name.
 NETWORK = {
     "lan": f"link set lo up\nlink add lan0 address {LAN_MAC} type veth peer name port0 netns {{gw}}\n"
-           f"link set lan0 up\naddr add {LAN_V4}/24 dev lan0\naddr add {LAN_V6}/64 dev lan0 nodad\n",
+           f"addr add {LAN_V4}/24 dev lan0\naddr add {LAN_V6}/64 dev lan0 nodad\n",
     "wan": "link set lo up\nlink add wan0 type veth peer name gw0 netns {gw}\nlink set wan0 up\n"
            + "".join(f"addr add {a}/24 dev wan0\n" for a in WAN_V4) + "".join(f"addr add {a}/64 dev wan0 nodad\n" for a in WAN_V6),
     "gw": "link set lo up\nlink add br0 type bridge\nlink set port0 master br0\nlink set br0 up\nlink set port0 up\n"
@@ -142,8 +153,10 @@ class Recorder:
     def records(self):
         return [json.loads(line) for line in self.log_path.read_text().splitlines()]
 
-    def wait_records(self, count=1, timeout=10.0):
-        return wait_until(lambda: len(r := self.records()) >= count and r, timeout) or self.records()
+    def wait_records(self, count=1, timeout=10.0, where=lambda r: True):
+        def got():
+            return [r for r in self.records() if where(r)]
+        return wait_until(lambda: len(r := got()) >= count and r, timeout) or got()
 
 
 class Lab:
@@ -165,6 +178,9 @@ class Lab:
                 run(["ip", "netns", "add", name])
             for ns in ("lan", "wan", "gw"):
                 run(["ip", "-n", self.ns[ns], "-batch", "-"], input=NETWORK[ns].format(gw=self.ns["gw"]))
+            # The client's link comes up last, once the bridge port at the other end is up: up
+            # earlier, the first answer to it would be lost.
+            run(["ip", "-n", self.ns["lan"], "link", "set", "lan0", "up"])
             run(["ip", "-n", self.ns["lan"], "route", "add", "default", "via", GW_LAN_V4])
             self._start_bus(detach)
         except Exception:
@@ -262,6 +278,34 @@ class Lab:
         for key, value in opts.items():
             argv += [f"--{key}", str(value)]
         return json.loads(run(self.exec_argv(ns, argv), timeout=timeout + 20).stdout)
+
+    def socket(self, ns="lan", family=socket.AF_INET, connect=None, rcvbuf=None, timeout=5.0):
+        # A TCP socket of namespace ns, connected to connect (address, port) when given: a thread
+        # joins the namespace and makes it, so that the test drives it directly.
+        made = []
+
+        def make():
+            try:
+                libc = ctypes.CDLL(None, use_errno=True)
+                with open(f"/var/run/netns/{self.ns[ns]}") as f:
+                    if libc.setns(f.fileno(), 0x40000000) != 0:  # CLONE_NEWNET
+                        raise OSError(ctypes.get_errno(), "setns")
+                sock = socket.socket(family, socket.SOCK_STREAM)
+                if rcvbuf:
+                    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+                sock.settimeout(timeout)
+                if connect:
+                    sock.connect(connect)
+                made.append(sock)
+            except OSError as exc:
+                made.append(exc)
+
+        t = threading.Thread(target=make)
+        t.start()
+        t.join()
+        if isinstance(made[0], OSError):
+            raise made[0]
+        return made[0]
 
     # ---- the daemon's control plane, through the real tools ---------------------------------
 

@@ -4,11 +4,15 @@
 #
 #     responder.py --addr 198.51.100.53 --mode answer --log queries.jsonl [--a 203.0.113.7] [--ttl 300]
 #
+# With --tcp it serves TCP on the same address too, holding the answers of a connection until
+# --reverse queries arrived (or a second passed), then sending them last first; with
+# --close-first it closes its first TCP connection, unanswered, once a query came.
 # Modes: answer (the --a records, or 2001:db8:3::7 for AAAA), empty (NOERROR, no records), silent
 # (records, never answers), delay (answers after --delay seconds), forge (what an off-path host
 # sends first: the answer with 203.0.113.66 from --forge-from and from port 5353, and one to
 # another question; then the real answer after --delay seconds).
 import argparse
+import itertools
 import json
 import socket
 import threading
@@ -39,6 +43,41 @@ def forge(sock, query, peer, args):
     sock.sendto(answer(other, ["203.0.113.66"], args).to_wire(), peer)
 
 
+def serve_tcp(conn, args, log, first):
+    # One TCP connection: length-prefixed queries in, their answers out, held until --reverse
+    # queries arrived (or a second passed) and sent last first.
+    held, buf = [], b""
+    conn.settimeout(1.0)
+    while True:
+        try:
+            data = conn.recv(65535)
+        except socket.timeout:
+            data = None
+        if data == b"":
+            break
+        buf += data or b""
+        while len(buf) >= 2 and len(buf) >= 2 + int.from_bytes(buf[:2], "big"):
+            n = int.from_bytes(buf[:2], "big")
+            wire, buf = buf[2:2 + n], buf[2 + n:]
+            query = dns.message.from_wire(wire)
+            peer = conn.getpeername()
+            log.write(json.dumps({"time": time.monotonic(), "src": peer[0], "sport": peer[1], "tcp": True,
+                                  "id": query.id, "qname": query.question[0].name.to_text()}) + "\n")
+            held.append(answer(query, args.a or ["203.0.113.7"], args).to_wire())
+        if held and first and args.close_first:
+            break
+        if held and (len(held) >= args.reverse or data is None):
+            conn.sendall(b"".join(len(w).to_bytes(2, "big") + w for w in reversed(held)))
+            held = []
+    conn.close()
+
+
+def accept_tcp(srv, args, log):
+    for n in itertools.count():
+        conn, _ = srv.accept()
+        threading.Thread(target=serve_tcp, args=(conn, args, log, n == 0), daemon=True).start()
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("--addr", required=True)
@@ -48,10 +87,17 @@ def main():
     p.add_argument("--ttl", type=int, default=300)
     p.add_argument("--delay", type=float, default=0.0)
     p.add_argument("--forge-from")
+    p.add_argument("--tcp", action="store_true")
+    p.add_argument("--reverse", type=int, default=1)
+    p.add_argument("--close-first", action="store_true")
     args = p.parse_args()
-    sock = socket.socket(socket.AF_INET6 if ":" in args.addr else socket.AF_INET, socket.SOCK_DGRAM)
+    family = socket.AF_INET6 if ":" in args.addr else socket.AF_INET
+    sock = socket.socket(family, socket.SOCK_DGRAM)
     sock.bind((args.addr, 53))
     log = open(args.log, "a", buffering=1)
+    if args.tcp:
+        srv = socket.create_server((args.addr, 53), family=family)
+        threading.Thread(target=accept_tcp, args=(srv, args, log), daemon=True).start()
     print("ready", flush=True)
     while True:
         data, peer = sock.recvfrom(65535)
