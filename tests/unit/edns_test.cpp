@@ -89,8 +89,16 @@ TEST_F(Edns, PayloadAgainstTheServers) {
         {query(0, 2).an(16, 60, filler(1300)).opt(0), 1232, 0, 1232},
         {query(0, 1).opt(0), 544, 0, 544}};
     for (auto [m, server, ret, payload] : cases) {
+        dp_debug_tbl.modules[DP_MOD_PROXY].level_mask = DP_PKT;
+        StderrCapture err;
         EXPECT_EQ(dpedns_check_packet_payload(m.b.data(), m.len(), server), ret);
+        dp_debug_tbl.modules[DP_MOD_PROXY].level_mask = 0;
         EXPECT_EQ(m.b[m.len() - 8] << 8 | m.b[m.len() - 7], payload);
+        // The trace reports the message's length plus 8 when it is over the server's size.
+        const std::string over = "Payload Exceeded Query payload is " +
+                                 std::to_string(m.len() + 8) + " Server supported is " +
+                                 std::to_string(server) + "\n";
+        EXPECT_EQ(err.text().find(over) != std::string::npos, m.len() > server);
     }
     DnsMsg q = query();
     EXPECT_EQ(dpedns_check_packet_payload(q.b.data(), q.len(), 12), 0); // no OPT record

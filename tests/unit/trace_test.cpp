@@ -64,6 +64,21 @@ TEST_F(Trace, DebugLevelsAccumulateUntilNone) {
     define_debug_level("Util", "all");
     EXPECT_EQ(dp_debug_tbl.modules[DP_MOD_UTIL].level_mask, 0xFFFFFFFFu);
     EXPECT_EQ(dp_debug_tbl.modules[DP_MOD_PROXY].level_mask, 0x01u);
+    // The view: a row per module, the io column two wide.
+    StderrCapture err;
+    dplog_view_debug_setting();
+    const std::string eq(59, '=');
+    EXPECT_NE(err.text().find("\nDNS debug setting\n" + eq +
+                              "\nmodule: error  warn   detail func   pkt"
+                              "    endec  io period\n" +
+                              std::string(59, '-') + "\nproxy : xx  "),
+              std::string::npos);
+    EXPECT_NE(err.text().find("\nio    :                      xx     xx                     \n"),
+              std::string::npos);
+    EXPECT_NE(err.text().find("\nutil  : xx     xx     xx     xx     xx     xx     xx xx    \n"
+                              "debug : xx                                                 \n" +
+                              eq + "\nclilog: "),
+              std::string::npos);
 }
 
 TEST_F(Trace, DebugModes) {
