@@ -2,12 +2,17 @@
 
 #include <signal.h>
 
+#include <regex>
 #include <string>
+#include <utility>
 
+#include "cache/dpcache.h"
+#include "config/dpcfg.h"
 #include "ctrl/dp_cliout.h"
 #include "ctrl/dp_trace.h"
 #include "platform/ombus/ombus.h"
 #include "platform/rgw_impl/rgw_impl.h"
+#include "server/dpsvr.h"
 #include "test_support.h"
 
 namespace {
@@ -181,6 +186,48 @@ TEST(CliOutput, OneOutputTooManyCutsTheOldestAndGoneReadersEndTheirs) {
     ombusMainLoop();
     EXPECT_EQ(dp_cliout_waiting(), 0);
     ombusReset();
+}
+
+// A line written by a helper for an operation names the operation, not the helper.
+TEST(TraceNames, LinesNameTheOperationTheyBelongTo) {
+    TempRoot root;
+    root.write("/etc/flipla.conf", "EnableD2AFeature=1\n");
+    root.write("/etc/dns_d2a.conf", "192.0.2.1 a.test\n");
+    root.write("/etc/dns_resolv_ipv4.conf", "nameserver 0.0.0.0\nnameserver 192.0.2.53\n");
+    root.write("/etc/dns_prefix.conf", "abc 0 VOIP\n");
+    const std::pair<const char*, void (*)()> rows[] = {
+        {"DPCFG  dpcfg_load_config_param_from_file:\\d+ parm=EnableD2AFeature val=1",
+         [] { dpcfg_load_config_param_from_file("/etc/flipla.conf"); }},
+        {"DPCACH dpcache_load_d2a_cache:\\d+ listhead=", [] { dpcache_load_d2a_cache(); }},
+        {"DPCACH dpcache_add_dync_cache:\\d+ delete 0 expired",
+         [] {
+             for (int i = 0; i <= static_cast<int>(DPCACHE_DYN_MAX); ++i)
+                 dpcache_add_dync_cache(1, ("n" + std::to_string(i)).c_str(), "192.0.2.9", 60);
+         }},
+        {"DPSERV load_server_set_from_file:\\d+ ipstr=0.0.0.0 ret=-5",
+         [] { dpsvr_load_v4_global_dns_servers(); }},
+        {"DPSERV load_dns_servers:\\d+ IPv4 Global DNS servers num=1 ",
+         [] { dpsvr_load_v4_global_dns_servers(); }},
+        {"DPSERV get_service_mask_without_ipaddr:\\d+ qname=x.abc name=",
+         [] {
+             uint16_t mask = 0;
+             dpsvr_load_name_filter_db();
+             get_service_mask_without_ipaddr("x.abc", &mask);
+         }},
+    };
+    dpsvr_init_server_sets();
+    for (const auto& [line, run] : rows) {
+        define_debug_mode(6);
+        dp_debug_tbl.timestamp = 0;
+        StderrCapture err;
+        run();
+        define_debug_mode(0);
+        EXPECT_TRUE(std::regex_search(err.text(), std::regex(std::string("(^|\\n)") + line)))
+            << line;
+    }
+    dpcache_purge_all();
+    dpsvr_purge_name_filter_db();
+    dpsvr_init_server_sets();
 }
 
 } // namespace
