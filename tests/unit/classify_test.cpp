@@ -81,8 +81,8 @@ TEST_F(Classify, Leases) {
 }
 
 TEST_F(Classify, ServerSetSelection) {
-    filters("voip.example 2 VOIP\niptv.example 2 OTHER\nboth.example 2 OTHER\n"
-            "both.example 2 VOIP\nAcs.example 2 TR069\nmix.example 2 INTERNET,VOIP\n");
+    filters("voip.example 2 VOIP\niptv.exAmple 2 OTHER\nboth.example 2 OTHER\n"
+            "both.example 2 VOIP\nacs.example 2 TR069\nmix.example 2 INTERNET,VOIP\n");
     vcis(hex("STB") + " 192.0.2.1 192.0.2.1 OTHER\n" + hex("PHONE") + " 192.0.2.1 0.0.0.0 VOIP\n" +
          hex("GW") + " 192.0.2.1 192.0.2.1 INTERNET+TR069\n");
     for (auto [addr, vci] :
