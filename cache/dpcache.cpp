@@ -25,6 +25,7 @@ constexpr uint32_t kQtypeA = 1;
 constexpr uint32_t kQtypePtr = 12;
 constexpr uint32_t kQtypeAaaa = 28;
 constexpr uint32_t kHardenedMaxTtl = 86400; // seconds
+dpcache_list_id last_answer_list = DPCACHE_LIST_NONE;
 
 constexpr const char* kEqRule = "===========================================================";
 constexpr const char* kDashRule = "-----------------------------------------------------------";
@@ -427,17 +428,26 @@ int dpcache_lookup_list(cache_entry** list, uint32_t qtype, const char* key, cha
 
 int dpcache_resolve_name_from_local(uint32_t qtype, const char* key, char* dst, size_t dstlen) {
     DPCACH_TRACE(DP_DETAIL, "qtype=%u key=%s\n", qtype, text_or_null(key));
+    last_answer_list = DPCACHE_LIST_NONE;
     if (is_empty(key)) return DPCACHE_ANSWER_NONE;
     int ret = DPCACHE_ANSWER_NONE;
-    if (dpcfg_is_d2a_feat_enabled())
+    if (dpcfg_is_d2a_feat_enabled()) {
         ret = dpcache_lookup_list(&dpcache_d2a_list, qtype, key, dst, dstlen);
+        if (ret != DPCACHE_ANSWER_NONE) last_answer_list = DPCACHE_LIST_D2A;
+    }
     if (ret == DPCACHE_ANSWER_NONE && dpcfg_is_local_hosts_feat_enabled()) {
         ret = dpcache_lookup_list(&dpcache_hosts_list, qtype, key, dst, dstlen);
+        if (ret != DPCACHE_ANSWER_NONE) last_answer_list = DPCACHE_LIST_HOSTS;
     }
     if (ret == DPCACHE_ANSWER_NONE && dpcfg_is_dyn_cache_feat_enabled()) {
         ret = dpcache_lookup_list(&dpcache_dyn_list, qtype, key, dst, dstlen);
+        if (ret != DPCACHE_ANSWER_NONE) last_answer_list = DPCACHE_LIST_DYN;
     }
     return ret;
+}
+
+dpcache_list_id dpcache_last_answer_list() {
+    return last_answer_list;
 }
 
 int dpcache_find_d2d_name(uint32_t qtype, const char* qname, char* new_name, size_t len) {

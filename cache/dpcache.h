@@ -82,6 +82,15 @@ int dpcache_lookup_list(cache_entry** list, uint32_t qtype, const char* key, cha
 // D2A, then LocalHosts, then DynamicCache, each only when its feature is on; the first answer
 // wins. Same results as dpcache_lookup_list.
 int dpcache_resolve_name_from_local(uint32_t qtype, const char* key, char* dst, size_t dstlen);
+// The list that gave the last answer of dpcache_resolve_name_from_local (the metrics count
+// answers by table): DPCACHE_LIST_NONE when it found nothing.
+enum dpcache_list_id : int {
+    DPCACHE_LIST_NONE,
+    DPCACHE_LIST_D2A,
+    DPCACHE_LIST_HOSTS,
+    DPCACHE_LIST_DYN,
+};
+dpcache_list_id dpcache_last_answer_list();
 
 // The D2D rewrite of qname for an A or AAAA query, copied into new_name (at most len - 1
 // characters). 1, or -1 (empty name), -2 (type not A or AAAA), -3 (no entry), -4 (entry

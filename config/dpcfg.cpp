@@ -105,8 +105,9 @@ constexpr key_row kKeyTable[] = {
     // Extensions, after the 17 keys of the file's own format.
     DPCFG_KEY(EnableHardenedMode, is_hardened_mode_enabled, nullptr, parse_bool),
     DPCFG_KEY(EnableTcp, is_tcp_enabled, nullptr, parse_bool),
+    DPCFG_KEY(MetricsFile, metrics_file, nullptr, parse_text),
 };
-static_assert(std::size(kKeyTable) == 17 + 2);
+static_assert(std::size(kKeyTable) == 17 + 3);
 
 #undef DPCFG_KEY
 

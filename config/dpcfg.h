@@ -37,6 +37,7 @@ struct dpcfg_config {
     // Extensions: switched by their own keys, never printed by the configuration dump.
     uint32_t is_hardened_mode_enabled; // EnableHardenedMode, JSON feature "hardened"
     uint32_t is_tcp_enabled;           // EnableTcp: DNS over TCP for clients and upstreams
+    char metrics_file[128];            // MetricsFile: where the Prometheus text goes; "" none
 };
 
 // Deployment settings, compiled in (listed for operators in docs/).
@@ -172,6 +173,9 @@ inline uint32_t dpcfg_is_hardened_mode_enabled() {
 }
 inline uint32_t dpcfg_is_tcp_enabled() {
     return dpcfg_get().is_tcp_enabled;
+}
+inline const char* dpcfg_metrics_file() {
+    return dpcfg_get().metrics_file;
 }
 
 // ---- setters: each stores 1 for a non-zero value and 0 otherwise, and returns 0 ------------

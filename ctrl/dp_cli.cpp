@@ -11,6 +11,7 @@
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
 #include "ctrl/dp_cliout.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
@@ -137,12 +138,16 @@ int cmd_view_tcp(int, const char* const*) {
     dpio_tcp_view();
     return 0;
 }
+int cmd_view_metrics(int, const char* const*) {
+    return dp_metrics_view();
+}
 
 // Commands of the extensions, tried only when the table above matches nothing (so they change
 // neither its rows nor its help text).
 constexpr kutl_cli_cmd kExtensionCommands[] = {
     {"view security", 0, {}, cmd_view_security},
     {"view tcp", 0, {}, cmd_view_tcp},
+    {"view metrics", 0, {}, cmd_view_metrics},
 };
 
 // Output back where it was at start-up, terminal or not, so that the daemon never keeps writing

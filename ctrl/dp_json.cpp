@@ -7,6 +7,7 @@
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
 #include "ctrl/dp_cli.h"
+#include "ctrl/dp_metrics.h"
 #include "server/dpsvr.h"
 
 namespace {
@@ -131,6 +132,13 @@ int api_cfg_feature(const json_object* params, char*, uint32_t) {
     return apply_features(params) < 0 ? RJSON_ERR_INVALID : 0;
 }
 
+// An extension: the metrics as one object; it takes no params.
+int api_metrics(const json_object*, char* result, uint32_t size) {
+    if (dp_metrics_json(result, size) >= 0) return 0;
+    std::snprintf(result, size, "the metrics do not fit in %u bytes", size);
+    return RJSON_ERR_FULL;
+}
+
 } // namespace
 
 const rjson_json_message dp_json_messages[DP_JSON_MESSAGES] = {
@@ -142,4 +150,5 @@ const rjson_json_message dp_json_messages[DP_JSON_MESSAGES] = {
 const rjson_json_method dp_json_methods[DP_JSON_METHODS] = {
     {"dp_api_reload_dnsproxy_config", api_reload_config},
     {"dp_api_cfg_dnsproxy_feature", api_cfg_feature},
+    {"dnsproxy.metrics", api_metrics},
 };

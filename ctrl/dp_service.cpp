@@ -6,6 +6,7 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_json.h"
 #include "main/dpxy.h"
 #include "platform/ombus/ombus.h"
 #include "platform/rcsd/rcsd.h"
@@ -110,7 +111,7 @@ int onOrvikKivDnsproxyItfJsonApiDispatch(const void* service, const char* method
     }
     const char* request = nullptr;
     if (ombusParcelReadString(parcel, &request) != 0) return -1;
-    static char result[RCSD_RESULT_SIZE];
+    static char result[DP_JSON_RESULT_SIZE]; // only the pages a result fills become resident
     const int status =
         static_cast<const json_api_service*>(service)->invoke(request, result, sizeof result);
     ombusParcelSetAnswered(parcel);

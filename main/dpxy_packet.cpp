@@ -4,6 +4,7 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
 #include "edns/dpedns.h"
@@ -73,6 +74,7 @@ int respond_to_requester(dpxy_pcb* pcb, answer& a) {
         dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, a.inf.name,
                                            result, ttl, ipstrs);
     }
+    dp_metrics.answers[DP_ANS_UPSTREAM]++;
     remove_proxy_ctrlblk(pcb);
     return 0;
 }
@@ -106,6 +108,7 @@ int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
     a.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
     a.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
     send_packet_x(&pcb->client, a.buf, a.len);
+    dp_metrics.answers[DP_ANS_UPSTREAM]++;
     if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, a.buf, a.len);
     remove_proxy_ctrlblk(pcb);
     if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
@@ -136,6 +139,7 @@ int handle_dns_response(int fd, const dp_peer_addr& from, answer& a) {
     // 4. a response to a question
     if (is_response_valid(a.inf) < 0) {
         DPMAIN_TRACE(DP_DETAIL, "server_id=0x%x dropped for invalid response\n", a.inf.id);
+        dp_metrics.drops[DP_DROP_INVALID_RESPONSE]++;
         return -30;
     }
     // 5. 6. primary status; in hardened mode only from an answer its query expects
@@ -151,8 +155,11 @@ int handle_dns_response(int fd, const dp_peer_addr& from, answer& a) {
     if (pcb == nullptr) {
         DPMAIN_TRACE(DP_DETAIL, "no record for server_id=0x%x\n", a.inf.id);
         if (dpsvr_handle_dns_server_probe_response(a.inf.id) >= 0) return -40;
-        return handle_auto_query_probe_response(a.inf.id, &a.inf);
+        ret = handle_auto_query_probe_response(a.inf.id, &a.inf);
+        if (ret == -60) dp_metrics.drops[DP_DROP_UNKNOWN_ANSWER]++;
+        return ret;
     }
+    dp_metrics_answer(&pcb->metrics, from.addr, a.inf.flags & DPENDEC_RCODE_MASK);
     // 9. 10. undo the proxy's EDNS changes: what the query carried decides, not the switch as it
     // stands now, so answers to queries sent before EDNS was switched off are cleaned up too
     undo_edns(pcb, a);
@@ -223,6 +230,8 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
         n += qlen;
     }
     send_packet_x(&pcb->client, tc, static_cast<uint16_t>(n));
+    dp_metrics_answer(&pcb->metrics, from.addr, msg[3] & DPENDEC_RCODE_MASK);
+    dp_metrics.answers[DP_ANS_UPSTREAM]++;
     if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, tc, static_cast<uint16_t>(n));
     dpio_tcp_counters().truncated++;
     remove_proxy_ctrlblk(pcb);

@@ -171,7 +171,11 @@ void handle_expired_query() {
             DPMAIN_TRACE(DP_PKT, "timeout to send rsp client_id=0x%x server_id=0x%x\n",
                          pcb->client_id, pcb->server_id);
             send_held_answer(pcb);
+            dp_metrics.answers[DP_ANS_UPSTREAM_HELD]++;
+        } else {
+            dp_metrics.drops[DP_DROP_EXPIRED]++;
         }
+        dp_metrics_expired(&pcb->metrics);
         DPMAIN_TRACE(DP_PKT, "timeout(%lu) to remove pcb client_id=0x%x server_id=0x%x\n",
                      static_cast<unsigned long>(now), pcb->client_id, pcb->server_id);
         dpsvr_set_primary_dns_status(nullptr, 0);
@@ -183,6 +187,9 @@ void handle_expired_query() {
 
 uint32_t dpxy_pcb_count() {
     return pcbs.count;
+}
+uint32_t dpxy_pcb_highest() {
+    return pcbs.max_count;
 }
 dpxy_pcb* dpxy_newest_pcb() {
     return pcbs.newest;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "ctrl/dp_metrics.h"
 #include "io/dpio.h"
 
 inline constexpr uint32_t DPXY_PCB_BOUND = 1036; // a new query is refused at this count
@@ -52,6 +53,7 @@ struct dpxy_pcb {
     uint8_t case_bits[32]; // which letters of the client's question name were upper case
     uint16_t waiter_head;  // first waiter, as its index + 1 in the waiter pool; 0 none
     uint8_t waiter_count;
+    dp_metrics_query metrics; // when and where it went, who answered
 };
 
 // Hardened mode: a later client of a pending question, answered with its answer.
@@ -69,6 +71,8 @@ dpxy_pcb* dpxy_find_pcb(uint16_t server_id);
 void handle_expired_query();
 
 uint32_t dpxy_pcb_count();
+// The highest count reached since the start.
+uint32_t dpxy_pcb_highest();
 // The newest pcb (null when none); older ones follow through pcb->older.
 dpxy_pcb* dpxy_newest_pcb();
 

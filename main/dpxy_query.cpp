@@ -10,6 +10,7 @@
 
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_stats.h"
 #include "ctrl/dp_trace.h"
 #include "edns/dpedns.h"
@@ -41,6 +42,8 @@ uint32_t force_url_count = 10;
 struct query_ctx {
     dns_pkt& pkt;
     dpxy_pcb& pcb;
+    uint32_t source = DP_ANS_FORMAT_ERROR; // who answers, should an answer go out now
+    bool answered = false;
 };
 
 uint16_t qtype_of(const query_ctx& q) {
@@ -52,8 +55,20 @@ void put_client_id(query_ctx& q) {
     q.pkt.buf[1] = static_cast<uint8_t>(q.pcb.client_id & 0xFF);
 }
 
+void count_answer(query_ctx& q) {
+    dp_metrics.answers[q.source]++;
+    q.answered = true;
+}
+
 void send_to_client(query_ctx& q) {
     send_packet_x(&q.pcb.client, q.pkt.buf, q.pkt.len);
+    count_answer(q);
+}
+
+// A policy ended the query, with or without an answer.
+int ended(const query_ctx& q) {
+    if (!q.answered) dp_metrics.drops[DP_DROP_POLICY]++;
+    return kDropped;
 }
 
 void error_answer(query_ctx& q, int rcode) {
@@ -117,6 +132,7 @@ int is_query_valid(const msginf& inf) {
 
 // 0 to go on, kDropped when it answered.
 int execute_force_register(query_ctx& q) {
+    q.source = DP_ANS_FORCE_REGISTER;
     DPMAIN_TRACE(DP_FUNC, "client_id=0x%x isEnableForceUrl=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_force_register_enabled()));
     registration_state st{};
@@ -130,7 +146,7 @@ int execute_force_register(query_ctx& q) {
     if (std::strcmp(st.result, "1") == 0) {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp refuse for force url\n", q.pcb.client_id);
         error_answer(q, kRcodeRefused);
-        return kDropped;
+        return ended(q);
     }
     const dpxy_client_itf& itf = dpxy_get_client_itf();
     if (qtype_of(q) == DPENDEC_TYPE_A) {
@@ -144,11 +160,12 @@ int execute_force_register(query_ctx& q) {
     } else {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
     }
-    return kDropped;
+    return ended(q);
 }
 
 // Lock-net answers with the gateway's addresses and traces them as force URL does.
 int execute_lock_net(query_ctx& q) {
+    q.source = DP_ANS_LOCK_NET;
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableLockNet=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_lock_net_enabled()));
     DPMAIN_TRACE(DP_DETAIL, "%s,%d,,domain name:%s\n", __func__, __LINE__, q.pkt.inf.name);
@@ -162,10 +179,11 @@ int execute_lock_net(query_ctx& q) {
                      itf.v6ipstr);
         address_answer(q, itf.v6ipstr);
     }
-    return kDropped;
+    return ended(q);
 }
 
 int execute_intercept(query_ctx& q) {
+    q.source = DP_ANS_INTERCEPT;
     const dpxy_client_itf& itf = dpxy_get_client_itf();
     if (qtype_of(q) == DPENDEC_TYPE_A) {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for intercept\n", q.pcb.client_id,
@@ -176,11 +194,12 @@ int execute_intercept(query_ctx& q) {
                      itf.v6ipstr);
         address_answer(q, itf.v6ipstr);
     }
-    return kDropped;
+    return ended(q);
 }
 
 // The redirect answers fixed addresses but traces the gateway's: kept as it has always been.
 int execute_redirect(query_ctx& q) {
+    q.source = DP_ANS_REDIRECT;
     const dpxy_client_itf& itf = dpxy_get_client_itf();
     if (qtype_of(q) == DPENDEC_TYPE_A) {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp A %s for redirect\n", q.pcb.client_id,
@@ -193,7 +212,7 @@ int execute_redirect(query_ctx& q) {
     } else {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u\n", q.pcb.client_id, qtype_of(q));
     }
-    return kDropped;
+    return ended(q);
 }
 
 // A local answer goes back the way the query came.
@@ -202,10 +221,12 @@ void answer_by_source(query_ctx& q, const char* value) {
     switch (q.pcb.source) {
     case DPXY_SRC_LOCAL:
         dpio_send_csmsg_query_response(aaaa, q.pkt.inf.name, 0, kLocalTtl, value);
+        count_answer(q);
         break;
     case DPXY_SRC_MODULE:
         dpio_send_query_response_to_module(q.pcb.module_tag, q.pcb.module_seq, aaaa, q.pkt.inf.name,
                                            0, kLocalTtl, value);
+        count_answer(q);
         break;
     default:
         address_answer(q, value);
@@ -249,6 +270,7 @@ int answer_from_local_tables(query_ctx& q) {
             DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u qname=%s newName=%s rslt=%d inf=%s\n",
                          q.pcb.client_id, inf.qtype, inf.name, new_name, rslt, value);
             if (rslt == DPCACHE_ANSWER_A || rslt == DPCACHE_ANSWER_AAAA) {
+                q.source = DP_ANS_D2D;
                 answer_by_source(q, value);
                 return 1;
             }
@@ -261,6 +283,9 @@ int answer_from_local_tables(query_ctx& q) {
     const int rslt = dpcache_resolve_name_from_local(inf.qtype, key, value, sizeof value);
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x qtype=%u key=%s rslt=%d inf=%s\n", q.pcb.client_id,
                  inf.qtype, key, rslt, value);
+    static constexpr uint32_t kListSource[] = {DP_ANS_WEBGUI_REFUSE, DP_ANS_D2A, DP_ANS_HOSTS,
+                                               DP_ANS_DYN_CACHE};
+    q.source = kListSource[dpcache_last_answer_list()];
     switch (rslt) {
     case DPCACHE_ANSWER_NONE:
         if (inf.qtype == DPENDEC_TYPE_AAAA && strcasecmp(inf.name, DPCFG_WEBGUI_HOST_NAME) == 0) {
@@ -302,6 +327,7 @@ bool is_local_ip(const char* ipstr) {
 
 // 0 to go on, kDropped when refused.
 int execute_reject_ptr_local_ip(query_ctx& q) {
+    q.source = DP_ANS_REJECT_PTR;
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableRejPtr=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_reject_ptr_local_ip_feat_enabled()));
     if (dpcfg_is_reject_ptr_local_ip_feat_enabled() == 0 || qtype_of(q) != DPENDEC_TYPE_PTR)
@@ -349,6 +375,7 @@ int send_by_family(query_ctx& q, dpsvr_select_request& req, int* sentnum) {
 // Nothing could be sent: the management module may want the registration page.
 // 0 when it answered or ended the query, -1 to fall through to the server failure.
 int execute_force_url(query_ctx& q) {
+    q.source = DP_ANS_FORCE_URL;
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x isEnableForceUrl=%d count=%d\n", q.pcb.client_id,
                  static_cast<int>(dpcfg_is_force_url_feat_enabled()),
                  static_cast<int>(force_url_count));
@@ -377,6 +404,7 @@ int execute_force_url(query_ctx& q) {
 }
 
 void server_failure(query_ctx& q) {
+    q.source = DP_ANS_SERVER_FAILURE;
     put_client_id(q);
     if (dpcfg_is_edns_enabled() != 0) {
         static dns_pkt backup;
@@ -412,9 +440,14 @@ int forward_query_to_servers(query_ctx& q) {
     int sentnum = 0;
     // A TCP client's query goes to the servers over TCP: its answer may be long.
     dpio_begin_sends(&q.pcb.expect, q.pcb.client.tcp != 0);
+    dp_metrics_begin_query(&q.pcb.metrics);
     const int sent_ret = send_by_family(q, req, &sentnum);
+    dp_metrics_end_query();
     dpio_end_sends();
-    if (sent_ret < 0) return kDropped;
+    if (sent_ret < 0) {
+        dp_metrics.drops[DP_DROP_UNCLASSIFIED]++;
+        return kDropped;
+    }
     const int result = (sentnum > 0 || sent_ret > 0) ? 0 : -1;
     q.pcb.query_count = static_cast<uint8_t>(sentnum);
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x sentnum=%d dnsret=%d time=%lu\n",
@@ -422,7 +455,10 @@ int forward_query_to_servers(query_ctx& q) {
                  static_cast<unsigned long>(dputl_get_current_time()));
     // 5. 6. nobody reached
     if (result != 0) {
-        if (execute_force_url(q) == 0) return result;
+        if (execute_force_url(q) == 0) {
+            ended(q);
+            return result;
+        }
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp server failure to query\n", q.pcb.client_id);
         server_failure(q);
         return result;
@@ -482,13 +518,17 @@ int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
                  pkt.inf.hostaddr);
     if (is_query_valid(pkt.inf) < 0) {
         DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x dropped for invalid query\n", image.client_id);
+        dp_metrics.drops[DP_DROP_INVALID_QUERY]++;
         return -4;
     }
     // 6. (the DNS filter's vendor options are not part of this build)
     // 7. EDNS validation
     if (dpcfg_is_edns_enabled() != 0) {
         ret = dpedns_is_valid_edns_rr(pkt.buf, pkt.len, &pkt.inf);
-        if (ret == -3) return -3;
+        if (ret == -3) {
+            dp_metrics.drops[DP_DROP_BAD_EDNS]++;
+            return -3;
+        }
         if (ret < 0) {
             dp_stats.query_format_error++;
             DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x rsp format err to query ret=%d\n",

@@ -10,6 +10,7 @@
 #include <span>
 
 #include "config/dpcfg.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
 #include "main/dputl.h"
@@ -250,6 +251,7 @@ int dpxy_tick() {
     dpio_tcp_tick(now);
     dpsvr_scan_monitor_list();
     dputl_scan_action_list();
+    dp_metrics_tick(now);
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "config/dpcfg.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_trace.h"
 #include "edns/dpedns.h"
 #include "io/dpio.h"
@@ -73,6 +74,7 @@ void active_retry_cb(void* parm) {
     send_probe_packet_to_active_server(set_of(parm));
 }
 void active_final_cb(void* parm) {
+    dp_metrics_probe_result(set_of(parm), DP_PROBE_ACTIVE, false);
     set_next_active_server(set_of(parm));
 }
 void backup_start_cb(void* parm, acb*) {
@@ -82,6 +84,7 @@ void backup_retry_cb(void* parm) {
     send_probe_packet_to_backup_server(set_of(parm));
 }
 void backup_final_cb(void* parm) {
+    dp_metrics_probe_result(set_of(parm), DP_PROBE_BACKUP, false);
     set_next_backup_server(set_of(parm));
 }
 
@@ -117,8 +120,11 @@ bool payload_refused(uint8_t* packet, uint16_t len, const dns_server& server) {
            dpedns_check_packet_payload(packet, len, server.udpMaxPayload) != 0;
 }
 
-int send_to(const dns_server& server, const uint8_t* packet, uint16_t len) {
-    return dpio_send_to_server(server.addr, kDnsPort, packet, len) > 0 ? 1 : 0;
+// Sends to the set's server i: 1 when it went out.
+int send_to(const servset* set, uint32_t i, const uint8_t* packet, uint16_t len) {
+    if (dpio_send_to_server(set->servers[i].addr, kDnsPort, packet, len) <= 0) return 0;
+    dp_metrics_sent(i);
+    return 1;
 }
 
 // The three policies; their lines are traced under the name of the caller that forwards.
@@ -130,7 +136,7 @@ int send_to_active(const char* caller, uint8_t* packet, uint16_t len, servset* s
             "Query packet has bigger payload or temp error in updating query. Return error");
         return 0;
     }
-    return send_to(server, packet, len);
+    return send_to(set, set->activeIdx, packet, len);
 }
 
 int send_to_all(const char* caller, uint8_t* packet, uint16_t len, servset* set,
@@ -145,7 +151,7 @@ int send_to_all(const char* caller, uint8_t* packet, uint16_t len, servset* set,
                 server.addrStr, server.udpMaxPayload);
             continue;
         }
-        sent += send_to(server, packet, len);
+        sent += send_to(set, i, packet, len);
     }
     return sent;
 }
@@ -154,8 +160,7 @@ int send_to_all(const char* caller, uint8_t* packet, uint16_t len, servset* set,
 int send_primary_first(const char* caller, uint8_t* packet, uint16_t len, servset* set) {
     DPSERV_TRACE_AS(caller, DP_DETAIL, "serv_set->primaryDnsActive = %d , is_first_dns_query=%d\n",
                     set->primaryDnsActive, is_first_dns_query);
-    if (set->primaryDnsActive != 0 && is_first_dns_query != 1)
-        return send_to(set->servers[0], packet, len);
+    if (set->primaryDnsActive != 0 && is_first_dns_query != 1) return send_to(set, 0, packet, len);
     if (is_first_dns_query == 1) is_first_dns_query = kFirstQuerySeen;
     return send_to_all(caller, packet, len, set, false);
 }
@@ -191,6 +196,7 @@ void dpsvr_reset_probing(servset* set) {
     set->backup.ena = 0;
     set->activeIdx = 0;
     set->backupIdx = 0;
+    dp_metrics_set_changed(set);
 }
 
 void dpsvr_join_monitor_list(servset* set) {
@@ -211,6 +217,7 @@ servset* dpsvr_monitor_list_head() {
 
 int send_query_to_server_set(uint8_t* packet, uint16_t len, servset* set) {
     if (set == nullptr || set->num == 0) return 0;
+    dp_metrics_use_set(set);
     switch (set->policy) {
     case 0:
         return send_to_all(__func__, packet, len, set, true);
@@ -248,6 +255,7 @@ int set_active_dns_server(servset* set, uint32_t idx) {
         set->backup.ena = 1;
         set->backup.Time = now + kBackupRest;
     }
+    dp_metrics_set_changed(set);
     return 0;
 }
 
@@ -297,6 +305,7 @@ int stop_backup_server_probe(servset* set) {
 
 int send_probe_packet_to_active_server(servset* set) {
     if (set->activeIdx >= set->num) return -1;
+    dp_metrics_probe_sent(set, DP_PROBE_ACTIVE, set->activeIdx);
     dpio_begin_sends(&set->active.expect);
     send_probe_packet_to_server(&set->servers[set->activeIdx], &set->active.transid);
     dpio_end_sends();
@@ -305,6 +314,7 @@ int send_probe_packet_to_active_server(servset* set) {
 
 int send_probe_packet_to_backup_server(servset* set) {
     if (set->backupIdx >= set->num) return -1;
+    dp_metrics_probe_sent(set, DP_PROBE_BACKUP, set->backupIdx);
     dpio_begin_sends(&set->backup.expect);
     send_probe_packet_to_server(&set->servers[set->backupIdx], &set->backup.transid);
     dpio_end_sends();
@@ -360,12 +370,14 @@ int dpsvr_handle_dns_server_probe_response(uint16_t transid) {
                      is_active ? 1 : 0, is_backup ? 1 : 0);
         if (is_active) {
             DPSERV_TRACE(DP_PKT, "active DNS server probe transid=0x%x found\n", transid);
+            dp_metrics_probe_result(set, DP_PROBE_ACTIVE, true);
             stop_active_server_probe(set);
             set->active.ena = 1;
             set->active.Time = dputl_get_current_time() + kActiveRecheck;
             return 1;
         }
         DPSERV_TRACE(DP_PKT, "backup DNS server probe transid=0x%x found\n", transid);
+        dp_metrics_probe_result(set, DP_PROBE_BACKUP, true);
         const uint32_t answered = set->backupIdx;
         stop_backup_server_probe(set);
         set_active_dns_server(set, answered);

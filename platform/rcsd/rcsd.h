@@ -24,7 +24,8 @@ using rcsd_message_handler = int (*)(const char* interface, const char* message)
 
 // The name of the synchronous method handler that rcsd_kiv_sync_invoke runs.
 constexpr const char* RCSD_SYNC_METHOD = "kivInvoke";
-// The size of the result buffer a caller of rcsd_kiv_sync_invoke is expected to offer.
+// The least result buffer a caller of rcsd_kiv_sync_invoke is expected to offer (a service whose
+// results may be longer offers more).
 constexpr uint32_t RCSD_RESULT_SIZE = 1024;
 
 // Opens the service. 0, or RCSD_ERR_STATE when already open.

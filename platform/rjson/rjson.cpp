@@ -338,6 +338,63 @@ const char* rjson_get_text(const json_object* params, const char* object, const 
     return json_object_get_string(value);
 }
 
+json_object* rjson_new_object() {
+    return json_object_new_object();
+}
+
+void rjson_free(json_object* root) {
+    json_object_put(root);
+}
+
+namespace {
+
+json_object* add_value(json_object* parent, const char* key, json_object* value) {
+    if (parent == nullptr || value == nullptr) {
+        json_object_put(value);
+        return nullptr;
+    }
+    const int ret = key != nullptr ? json_object_object_add(parent, key, value)
+                                   : json_object_array_add(parent, value);
+    if (ret != 0) {
+        json_object_put(value);
+        return nullptr;
+    }
+    return value;
+}
+
+} // namespace
+
+json_object* rjson_add_object(json_object* parent, const char* key) {
+    return add_value(parent, key, json_object_new_object());
+}
+
+json_object* rjson_add_array(json_object* parent, const char* key) {
+    return add_value(parent, key, json_object_new_array());
+}
+
+void rjson_add_u64(json_object* parent, const char* key, uint64_t value) {
+    add_value(parent, key, json_object_new_uint64(value));
+}
+
+void rjson_add_i64(json_object* parent, const char* key, int64_t value) {
+    add_value(parent, key, json_object_new_int64(value));
+}
+
+void rjson_add_text(json_object* parent, const char* key, const char* text) {
+    add_value(parent, key, json_object_new_string(text));
+}
+
+int rjson_write(json_object* root, char* out, uint32_t size) {
+    if (out == nullptr || size == 0) return RJSON_ERR_STATE;
+    out[0] = '\0';
+    size_t len = 0;
+    const char* text = json_object_to_json_string_length(
+        root, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE, &len);
+    if (text == nullptr || len >= size) return RJSON_ERR_FULL;
+    std::memcpy(out, text, len + 1);
+    return static_cast<int>(len);
+}
+
 const char* rjson_last_error() {
     return helper.last_error;
 }

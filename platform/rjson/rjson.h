@@ -115,5 +115,22 @@ const char* rjson_item_text(const rjson_item_area* area, const rjson_item* item)
 // while the handler runs.
 const char* rjson_get_text(const json_object* params, const char* object, const char* key);
 
+// ---- building a result document ---------------------------------------------------------------
+//
+// A method's result as a JSON document: objects and arrays made here, filled with the add
+// functions (under key in an object, appended to an array when key is null), written out as
+// compact text, then freed through their root. A null parent is ignored.
+
+json_object* rjson_new_object();
+void rjson_free(json_object* root);
+json_object* rjson_add_object(json_object* parent, const char* key);
+json_object* rjson_add_array(json_object* parent, const char* key);
+void rjson_add_u64(json_object* parent, const char* key, uint64_t value);
+void rjson_add_i64(json_object* parent, const char* key, int64_t value);
+void rjson_add_text(json_object* parent, const char* key, const char* text);
+// The document as compact text into out: its length, or RJSON_ERR_FULL when it does not fit
+// (out is then "").
+int rjson_write(json_object* root, char* out, uint32_t size);
+
 // Why the last refused call of this library was refused ("" when none was).
 const char* rjson_last_error();

@@ -9,7 +9,7 @@ import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor
 
-from lab import BUS_NAME, GW_LAN_V4, OBJECT_PATH, WAN_V4, answers, run
+from lab import BUS_NAME, GW_LAN_V4, OBJECT_PATH, WAN_V4, answers, run, wait_until
 
 UP1, UP2 = WAN_V4[0], WAN_V4[1]
 API = "orvik.kiv.dnsproxy.itf.api"
@@ -87,10 +87,10 @@ def test_the_bus_interface_its_errors_and_the_signal_table(lab):
 
 
 def json_call(lab, name, params):
-    rc, out = lab.bus_call("kiv_sync_invoke", "s", json.dumps({"name": name, "params": params}),
-                           itf="orvik.kiv.dnsproxy.itf.json.api")
-    status, text = re.fullmatch(r'us (\d+) "(.*)"', out).groups()
-    return int(status) - (1 << 32 if int(status) >= 1 << 31 else 0), text
+    r = run(["busctl", "--system", "--json=short", "call", BUS_NAME, OBJECT_PATH, "orvik.kiv.dnsproxy.itf.json.api",
+             "kiv_sync_invoke", "s", json.dumps({"name": name, "params": params})], env=lab.env())
+    status, text = json.loads(r.stdout)["data"]
+    return status - (1 << 32 if status >= 1 << 31 else 0), text
 
 
 def json_message(lab, name, params):
@@ -244,3 +244,45 @@ def test_cli_output_through_fifos_and_terminals_never_stalls_dns(lab, tmp_path):
         assert paused.wait(timeout=10) == 0 and piped.wait(timeout=10) == 0
         steady = client.result()
     assert (steady["answered"], steady["max_ms"] < 100) == (180, True), steady
+
+
+def test_metrics_in_the_view_the_json_method_and_the_prometheus_file(lab):
+    # The System set (policy 1): its silent first server fails its probe, the second takes over.
+    lab.start_responder(UP2, "silent")
+    lab.start_responder(UP1, "answer", "--a", "203.0.113.99")
+    lab.write("/etc/resolv.conf", f"nameserver {UP2}\nnameserver {UP1}\n")
+    lab.write("/etc/flipla.conf", "EnableD2AFeature=1\nMetricsFile=/var/lib/m/dnsproxy.prom\n")
+    lab.write("/etc/dns_d2a.conf", "192.0.2.80 printer.home\n")
+    prom = lab.write("/var/lib/m/dnsproxy.prom", "")
+    lab.start_dnsproxy()
+    assert wait_until(lambda: "policy=1 active=1" in cli(lab, "view", "server"))
+    assert answers(lab.query("www.example.test")) == [("A", "203.0.113.99")]
+    assert answers(lab.query("printer.home")) == [("A", "192.0.2.80")]
+    qr = "abcd81000001000000000000" + "03777777076578616d706c650474657374" + "00" + "00010001"
+    assert lab.query(wire=qr, timeout=1)["timeout"]  # QR set: no query
+
+    def metrics():
+        status, text = json_call(lab, "dnsproxy.metrics", {})
+        assert status == 0
+        return json.loads(text)
+    m = wait_until(lambda: (m := metrics())["sets"][0]["servers"][1]["probes"]["answered"] and m)
+    assert (m["answers"]["d2a"], m["answers"]["upstream"], m["drops"]["invalid_query"]) == (1, 1, 1)
+    system = m["sets"][0]
+    assert [system[k] for k in ("set", "state", "state_changes", "active", "queries", "timeouts")] == \
+        ["IPv4 System", "backup", 1, 1, 1, 0]
+    down, up = system["servers"]
+    assert (down["server"], down["state"], down["state_changes"], down["probes"]) == \
+        (f"::ffff:{UP2}", "down", 1, {"sent": 1, "answered": 0, "timeout": 1})
+    assert (up["state"], up["queries"], up["answers"]["NOERROR"], up["rtt_ms"]["count"]) == ("active", 1, 1, 1)
+    view = cli(lab, "view", "metrics")
+    assert "  d2a                   : 1\n" in view and "\nset IPv4 System: backup since " in view
+    assert re.search(rf"\n  ::ffff:{UP2}: down since .+, changes 1, queries 0, timeouts 0\n", view)
+
+    # The file: rewritten every 10 s, in place, and valid for Prometheus.
+    label = f'{{set="IPv4 System",server="::ffff:{UP1}"'
+    assert wait_until(lambda: f'dnsproxy_server_rtt_seconds_count{label}}} 1\n' in prom.read_text(), 15)
+    text = prom.read_text()
+    assert f'dnsproxy_server_rtt_seconds_bucket{label},le="+Inf"}} 1\n' in text
+    assert 'dnsproxy_set_state{set="IPv4 System",state="backup"} 1\n' in text
+    assert run(["promtool", "check", "metrics"], input=text).returncode == 0
+    assert os.listdir(prom.parent) == ["dnsproxy.prom"]

@@ -9,6 +9,7 @@
 #include "cache/dpcache.h"
 #include "config/dpcfg.h"
 #include "ctrl/dp_cliout.h"
+#include "ctrl/dp_metrics.h"
 #include "ctrl/dp_trace.h"
 #include "platform/ombus/ombus.h"
 #include "platform/rgw_impl/rgw_impl.h"
@@ -124,6 +125,13 @@ TEST_F(Trace, SetLogconfigDerivesTheDebugMode) {
     dplog_set_logconfig("ERROR", "telnet");
     expect_all_masks(0x01);
     EXPECT_EQ(rgw_impl_get_log_destination(), 3);
+}
+
+TEST(Metrics, RoundTripBucketsIncludeTheirUpperBound) {
+    const std::pair<uint32_t, int> cases[] = {
+        {0, 0}, {1, 0}, {2, 1}, {3, 2}, {50, 5}, {51, 6}, {5000, 11}, {5001, 12}, {UINT32_MAX, 12}};
+    for (const auto& [ms, bucket] : cases)
+        EXPECT_EQ(dp_metrics_rtt_bucket(ms), bucket) << ms;
 }
 
 TEST(LogConfigFile, TheModeDecidesTimeStampsAtStartUp) {
