@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/dpcfg.h"
@@ -78,6 +79,39 @@ TEST_F(Classify, Leases) {
     EXPECT_EQ(dpsvr_src_lease_count(), 3u);
     EXPECT_EQ(add(lease("192.0.2.15", ""), dpsvr_delete_src_lease), 1);
     EXPECT_EQ(dpsvr_find_src_lease(ip("192.0.2.15")), nullptr);
+}
+
+// The lease file: a 20-byte header (tag, record size in host order), then whole records.
+TEST_F(Classify, LeaseFile) {
+    vcis(hex("PHONE") + " 192.0.2.1 192.0.2.9 VOIP\n");
+    auto file = [](const char* tag, uint32_t size, std::vector<dpsvr_lease_record> recs) {
+        std::string f(tag, std::strlen(tag));
+        f.resize(16, '\0');
+        f.append(reinterpret_cast<const char*>(&size), 4);
+        for (const auto& r : recs) {
+            std::string rec(reinterpret_cast<const char*>(&r), sizeof r);
+            rec.resize(size, 'x');
+            f += rec;
+        }
+        return f;
+    };
+    const auto two = std::vector{lease("192.0.2.20", "PHONE"), lease("192.0.2.21", "PHONE")};
+    const std::tuple<std::string, int> cases[] = {
+        {file("[LeaseFile_v2]", 128, two), 2},
+        {file("[LeaseFile_v2]", 5000, two), 2}, // beyond 4096: taken, the file holds it
+        {file("[LeaseFile_v2]", 112, two), 2},
+        {file("[LeaseFile_v2]", 111, two), -3},
+        {file("[LeaseFile_v2]", 9000, two).substr(0, 5000), -3}, // the file cannot hold one
+        {file("[LeaseFile_v1]", 128, two), -3},
+        {"[LeaseFile_v2]", -2},
+        {file("[LeaseFile_v2]", 128, {}), 0}, // the header alone: no leases, no error
+    };
+    for (const auto& [text, want] : cases) {
+        root.write("/configs/udhcpd.leases2", text);
+        EXPECT_EQ(dpsvr_load_lease_file(), want) << text.size();
+        EXPECT_EQ(dpsvr_src_lease_count(), want > 0 ? 2u : 0u);
+        EXPECT_EQ(dpsvr_find_src_lease(ip("192.0.2.21")) != nullptr, want > 0);
+    }
 }
 
 TEST_F(Classify, ServerSetSelection) {
