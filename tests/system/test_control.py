@@ -45,9 +45,11 @@ API_METHODS = {
 }
 
 
-def cli(lab, *words):
+def cli(lab, *words, refused=False):
+    # A command that fails prints the help text after whatever it printed; one that works never does.
     rc, out, err = lab.kiv_cli(*words)
     assert (rc, err) == (0, ""), err
+    assert out.endswith(HELP) == (refused or words == ("help",)), out
     return out
 
 
@@ -166,8 +168,8 @@ def test_kiv_cli_views_settings_and_errors(lab, tmp_path):
     d = lab.start_dnsproxy()
     lab.query("printer.home")
     assert cli(lab, "help") == HELP
-    assert cli(lab, "view", "nothing") == HELP
-    assert cli(lab, "set", "logconfig", "loud", "serial") == HELP  # a word not in the list
+    assert cli(lab, "view", "nothing", refused=True) == HELP
+    assert cli(lab, "set", "logconfig", "loud", "serial", refused=True) == HELP  # a word not in the list
     stats = cli(lab, "view", "statistic")
     assert "client packet recv    : 1\n" in stats and stats.startswith("\nDNS statistic\n" + "=" * 59 + "\n")
     assert "is_d2a_feat_enabled              = 1\n" in cli(lab, "view", "config")
