@@ -1,5 +1,6 @@
 #include "main/dpxy_pcb.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -30,38 +31,132 @@ struct pcb_list {
 
 pcb_list pcbs;
 
-// The pcbs' memory: slabs of kSlabPcbs allocated as the table first grows and kept, so that in
-// steady state a query costs no allocation; a removed pcb waits on the free list for the next.
-// The table's bound caps the slabs at ceil(1036 / kSlabPcbs).
+// The pcbs' memory: slabs of kSlabPcbs pcbs, and slabs of blocks in six size classes for what a
+// pcb holds (its packet, and only when used its D2D name, module tag and hardened-mode record),
+// each block only as large as what it holds needs. Slabs are allocated as the table first grows
+// and kept, so that in steady state a query costs no allocation; a freed pcb or block waits on
+// its free list for the next, and a slab is handed out from its start as needed, so that pages
+// nobody used stay untouched. The table's bound caps what the slabs can grow to.
 constexpr uint32_t kSlabPcbs = 32;
-constexpr uint32_t kMaxSlabs = (DPXY_PCB_BOUND + kSlabPcbs - 1) / kSlabPcbs;
+constexpr size_t kModuleTagMax = 31; // what a 32-byte field formatted with "%s" keeps
+constexpr uint32_t kClassSizes[] = {64, 128, 256, 512, 1024, DPXY_MAX_PACKET};
+constexpr int kClasses = sizeof kClassSizes / sizeof kClassSizes[0];
+constexpr uint32_t kSlabBytes = 16 * 1024;
+static_assert(sizeof(dpxy_hard_rec) <= DPXY_MAX_PACKET, "a hardened-mode record fits a block");
 
-struct pcb_pool {
-    dpxy_pcb* free = nullptr; // linked through hash_next
-    dpxy_pcb* slabs[kMaxSlabs] = {};
-    uint32_t nslabs = 0;
+struct free_item {
+    free_item* next;
 };
 
-pcb_pool pool;
+// One slab: linked to the previous one of its kind, so that every slab stays reachable.
+struct slab_head {
+    slab_head* next;
+    alignas(std::max_align_t) unsigned char area[1];
+};
 
-dpxy_pcb* take_pcb() {
-    if (pool.free == nullptr && pool.nslabs < kMaxSlabs) {
-        auto* slab = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb) * kSlabPcbs));
-        if (slab == nullptr) return nullptr;
-        pool.slabs[pool.nslabs++] = slab;
-        for (uint32_t i = 0; i < kSlabPcbs; ++i) {
-            slab[i].hash_next = pool.free;
-            pool.free = &slab[i];
-        }
+struct slab_kind {
+    uint32_t item_size;
+    uint32_t items_per_slab;
+    free_item* free = nullptr;
+    slab_head* slabs = nullptr;
+    uint32_t carved = 0; // items of the newest slab handed out so far
+};
+
+slab_kind pcb_slabs{sizeof(dpxy_pcb), kSlabPcbs};
+slab_kind block_slabs[kClasses] = {
+    {64, kSlabBytes / 64},   {128, kSlabBytes / 128},   {256, kSlabBytes / 256},
+    {512, kSlabBytes / 512}, {1024, kSlabBytes / 1024}, {2048, kSlabBytes / 2048},
+};
+
+void* take(slab_kind& k) {
+    if (k.free != nullptr) {
+        free_item* item = k.free;
+        k.free = item->next;
+        return item;
     }
-    dpxy_pcb* pcb = pool.free;
-    if (pcb != nullptr) pool.free = pcb->hash_next;
-    return pcb;
+    if (k.slabs == nullptr || k.carved == k.items_per_slab) {
+        auto* slab = static_cast<slab_head*>(
+            std::malloc(offsetof(slab_head, area) + size_t{k.item_size} * k.items_per_slab));
+        if (slab == nullptr) return nullptr;
+        slab->next = k.slabs;
+        k.slabs = slab;
+        k.carved = 0;
+    }
+    return k.slabs->area + size_t{k.item_size} * k.carved++;
 }
 
-void give_back(dpxy_pcb* pcb) {
-    pcb->hash_next = pool.free;
-    pool.free = pcb;
+void give(slab_kind& k, void* p) {
+    auto* item = static_cast<free_item*>(p);
+    item->next = k.free;
+    k.free = item;
+}
+
+// The size class of a block that holds len bytes.
+int class_of(uint32_t len) {
+    int c = 0;
+    while (c < kClasses - 1 && kClassSizes[c] < len)
+        ++c;
+    return c;
+}
+
+void* take_block(uint32_t len) {
+    return take(block_slabs[class_of(len)]);
+}
+
+void give_block(void* p, uint32_t len) {
+    if (p != nullptr) give(block_slabs[class_of(len)], p);
+}
+
+// A text of at most max characters in a block of its own; "" takes none. Null when no block
+// could be had.
+const char* keep_text(const char* text, size_t max) {
+    const size_t n = text == nullptr ? 0 : strnlen(text, max);
+    if (n == 0) return "";
+    auto* copy = static_cast<char*>(take_block(static_cast<uint32_t>(n + 1)));
+    if (copy == nullptr) return nullptr;
+    std::memcpy(copy, text, n);
+    copy[n] = '\0';
+    return copy;
+}
+
+void drop_text(const char* text) {
+    if (text != nullptr && text[0] != '\0')
+        give_block(const_cast<char*>(text), static_cast<uint32_t>(std::strlen(text) + 1));
+}
+
+// Gives back everything the pcb holds besides itself.
+void drop_storage(dpxy_pcb* pcb) {
+    give_block(pcb->pkt, pcb->pkt_len);
+    drop_text(pcb->d2d_name);
+    drop_text(pcb->module_tag);
+    give_block(pcb->hard, sizeof(dpxy_hard_rec));
+    pcb->pkt = nullptr;
+    pcb->d2d_name = pcb->module_tag = "";
+    pcb->hard = nullptr;
+}
+
+// A copy of the image's packet, names and hardened-mode record in blocks of the pcb's own; false
+// (nothing kept) when a block could not be had.
+bool keep_storage(dpxy_pcb* pcb, const dpxy_pcb* image) {
+    const uint16_t len = std::min<uint16_t>(image->pkt_len, DPXY_MAX_PACKET);
+    pcb->pkt_len = len;
+    pcb->pkt = static_cast<uint8_t*>(take_block(len));
+    if (pcb->pkt != nullptr && len != 0) std::memcpy(pcb->pkt, image->pkt, len);
+    pcb->d2d_name = keep_text(image->d2d_name, DPENDEC_NAME_SIZE - 1);
+    pcb->module_tag = keep_text(image->module_tag, kModuleTagMax);
+    pcb->hard = nullptr;
+    if (image->hard != nullptr) {
+        pcb->hard = static_cast<dpxy_hard_rec*>(take_block(sizeof(dpxy_hard_rec)));
+        if (pcb->hard != nullptr) *pcb->hard = *image->hard;
+    }
+    if (pcb->pkt != nullptr && pcb->d2d_name != nullptr && pcb->module_tag != nullptr &&
+        (image->hard == nullptr || pcb->hard != nullptr)) {
+        return true;
+    }
+    if (pcb->d2d_name == nullptr) pcb->d2d_name = "";
+    if (pcb->module_tag == nullptr) pcb->module_tag = "";
+    drop_storage(pcb);
+    return false;
 }
 
 dpxy_pcb** bucket_of(uint16_t server_id) {
@@ -113,7 +208,7 @@ void fix_edns_of_copy(const dpxy_pcb* pcb) {
 void send_held_answer(dpxy_pcb* pcb) {
     if (dpcfg_is_edns_enabled() != 0 && pcb->edns_mode != DPXY_EDNS_NONE) fix_edns_of_copy(pcb);
     send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
-    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, pcb->pkt, pcb->pkt_len);
+    if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, pcb->pkt, pcb->pkt_len);
 }
 
 } // namespace
@@ -126,15 +221,31 @@ int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
         same->response_count = image->response_count;
         return 0;
     }
-    dpxy_pcb* pcb = take_pcb();
+    auto* pcb = static_cast<dpxy_pcb*>(take(pcb_slabs));
     if (pcb == nullptr) return -1; // the answer will find no pcb and be dropped
+    *pcb = *image;
+    if (!keep_storage(pcb, image)) {
+        give(pcb_slabs, pcb);
+        return -1;
+    }
     DPMAIN_TRACE(DP_DETAIL, "pcb=%p\n", static_cast<void*>(pcb));
-    // The packet area is copied only as far as the packet goes.
-    std::memcpy(pcb, image, offsetof(dpxy_pcb, pkt) + image->pkt_len);
-    std::memcpy(pcb->d2d_name, image->d2d_name, sizeof(dpxy_pcb) - offsetof(dpxy_pcb, d2d_name));
     pcb->expiry = dputl_get_current_time() + DPXY_PCB_LIFETIME;
     link_newest(pcb);
     return 0;
+}
+
+bool dpxy_pcb_store(dpxy_pcb* pcb, const uint8_t* msg, uint16_t len) {
+    if (len > DPXY_MAX_PACKET) return false;
+    uint8_t* dst = pcb->pkt;
+    if (dst == nullptr || class_of(len) != class_of(pcb->pkt_len)) {
+        dst = static_cast<uint8_t*>(take_block(len));
+        if (dst == nullptr) return false;
+        give_block(pcb->pkt, pcb->pkt_len);
+    }
+    std::memmove(dst, msg, len);
+    pcb->pkt = dst;
+    pcb->pkt_len = len;
+    return true;
 }
 
 void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
@@ -150,9 +261,10 @@ void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
     else
         pcbs.oldest = pcb->newer;
     if (pcbs.count > 0) pcbs.count--;
-    if (pcb->waiter_head != 0) dpxy_hard_free_waiters(pcb);
+    if (dpxy_has_waiters(pcb)) dpxy_hard_free_waiters(pcb);
     std::free(pcb->vendor_opt);
-    give_back(pcb);
+    drop_storage(pcb);
+    give(pcb_slabs, pcb);
 }
 
 dpxy_pcb* dpxy_find_pcb(uint16_t server_id) {

@@ -26,15 +26,31 @@ enum dpxy_edns_mode : int32_t {
     DPXY_EDNS_VENDOR_STRIP = 3,   // DNS filter: strip the client-MAC option
 };
 
+// Hardened mode's part of a pcb: where the query went and what it asked, what makes a later
+// identical question join it (the DO bit and the client-MAC option it carried), and those
+// waiting. A pcb has one only while hardened mode was on when its query was forwarded.
+struct dpxy_hard_rec {
+    dpio_expect expect;
+    uint8_t do_bit;
+    char mac[18];
+    uint8_t case_bits[32]; // which letters of the client's question name were upper case
+    uint16_t waiter_head;  // first waiter, as its index + 1 in the waiter pool; 0 none
+    uint8_t waiter_count;
+};
+
+// A pcb holds its packet, its D2D name, its module tag and its hardened-mode record in blocks of
+// the pcb store, each only as large as what it holds (the packet up to DPXY_MAX_PACKET bytes).
+// In the image that query handling builds on the stack the same pointers name the query's own
+// storage, and add_proxy_ctrlblk copies what they point at.
 struct dpxy_pcb {
     dpxy_pcb* newer;
     dpxy_pcb* older;
     dp_peer_addr client;
     uint16_t pkt_len;
-    uint8_t pkt[DPXY_MAX_PACKET]; // the query as sent; later the best empty answer held
-    char d2d_name[256];           // the name the client asked, when a D2D rewrite was made; else ""
+    uint8_t* pkt;         // the query as sent; later the best empty answer held
+    const char* d2d_name; // the name the client asked when a D2D rewrite was made, else ""
     uint16_t client_id;
-    char module_tag[32];
+    const char* module_tag; // the requester's tag for a module's query, else ""
     int32_t module_seq;
     int32_t edns_mode;
     int16_t source;
@@ -44,15 +60,12 @@ struct dpxy_pcb {
     uint32_t expiry;
     void* vendor_opt;    // heap buffer of the DNS filter's vendor options, owned by the pcb
     dpxy_pcb* hash_next; // chain of the server_id index
-    // Hardened mode: where the query went and what it asked, what makes a later identical
-    // question join it (the DO bit and the client-MAC option it carried), and those waiting.
-    dpio_expect expect;
-    uint8_t do_bit;
-    char mac[18];
-    uint8_t case_bits[32]; // which letters of the client's question name were upper case
-    uint16_t waiter_head;  // first waiter, as its index + 1 in the waiter pool; 0 none
-    uint8_t waiter_count;
+    dpxy_hard_rec* hard; // hardened mode, else null
 };
+
+inline bool dpxy_has_waiters(const dpxy_pcb* pcb) {
+    return pcb->hard != nullptr && pcb->hard->waiter_head != 0;
+}
 
 // Hardened mode: a later client of a pending question, answered with its answer.
 inline constexpr int DPXY_WAITERS_MAX = 16;  // per question; a query beyond is dropped
@@ -61,6 +74,9 @@ inline constexpr int DPXY_WAITER_POOL = 512; // in all
 // Records a forwarded query from its image (only when forward_result is 0). A pcb with the same
 // server_id takes the new counts instead. 0, or -1 when nothing was recorded.
 int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result);
+// Puts len bytes (at most DPXY_MAX_PACKET) in place of the pcb's packet: true, or false when no
+// storage could be had (the packet is then left as it was).
+bool dpxy_pcb_store(dpxy_pcb* pcb, const uint8_t* msg, uint16_t len);
 // Unlinks and frees a pcb; null is ignored.
 void remove_proxy_ctrlblk(dpxy_pcb* pcb);
 // The pcb waiting for an answer with this id, or null.

@@ -411,7 +411,9 @@ int forward_query_to_servers(query_ctx& q) {
                  static_cast<int>(req.type));
     int sentnum = 0;
     // A TCP client's query goes to the servers over TCP: its answer may be long.
-    dpio_begin_sends(&q.pcb.expect, q.pcb.client.tcp != 0);
+    dpio_expect unrecorded; // hardened mode off: nothing is recorded
+    dpio_begin_sends(q.pcb.hard != nullptr ? &q.pcb.hard->expect : &unrecorded,
+                     q.pcb.client.tcp != 0);
     const int sent_ret = send_by_family(q, req, &sentnum);
     dpio_end_sends();
     if (sent_ret < 0) return kDropped;
@@ -429,8 +431,8 @@ int forward_query_to_servers(query_ctx& q) {
     }
     // 7. 8. remember it
     q.pcb.pkt_len = q.pkt.len;
-    std::memcpy(q.pcb.pkt, q.pkt.buf, q.pkt.len);
-    dputl_copy_text(q.pcb.d2d_name, sizeof q.pcb.d2d_name, q.pkt.inf.d2d);
+    q.pcb.pkt = q.pkt.buf;
+    q.pcb.d2d_name = q.pkt.inf.d2d;
     add_proxy_ctrlblk(&q.pcb, result);
     DPMAIN_TRACE(DP_DETAIL, "transid=0x%x ret=0x%x\n", q.pcb.server_id,
                  static_cast<unsigned>(result));
@@ -442,18 +444,23 @@ int forward_query_to_servers(query_ctx& q) {
 int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
                      const dp_peer_addr* client, const uint8_t* packet, uint16_t len) {
     static dns_pkt pkt;
-    dpxy_pcb image;
-    // 1. the pcb image: who asked and what. Its packet area is filled when the query is
-    // forwarded, from the packet as it then stands; zeroing those 2 KiB per query buys nothing.
-    std::memset(&image, 0, offsetof(dpxy_pcb, pkt));
-    std::memset(image.d2d_name, 0, offsetof(dpxy_pcb, expect) - offsetof(dpxy_pcb, d2d_name));
-    std::memset(&image.do_bit, 0, sizeof image - offsetof(dpxy_pcb, do_bit)); // expect: at sending
+    // 1. the pcb image: who asked and what. It names the working packet; what it holds is copied
+    // into storage of the pcb's own when the query is forwarded.
+    dpxy_pcb image{};
+    dpxy_hard_rec hard;
+    if (dpcfg_is_hardened_mode_enabled() != 0) {
+        std::memset(&hard.do_bit, 0,
+                    sizeof hard - offsetof(dpxy_hard_rec, do_bit)); // expect: at sending
+        image.hard = &hard;
+    }
     const uint16_t copy_len = std::min<uint16_t>(len, DPXY_MAX_PACKET);
     image.client = *client;
     image.pkt_len = copy_len;
+    image.pkt = pkt.buf;
+    image.d2d_name = "";
     image.client_id = copy_len >= 2 ? static_cast<uint16_t>(packet[0] << 8 | packet[1]) : 0;
     image.source = source;
-    dputl_copy_text(image.module_tag, sizeof image.module_tag, module_tag);
+    image.module_tag = module_tag;
     image.module_seq = module_seq;
     image.edns_mode = DPXY_EDNS_NONE;
     pkt.len = copy_len;

@@ -124,7 +124,9 @@ class Pcbs : public ::testing::Test {
     // Adds a forwarded query's pcb: client_id is server_id with its bits flipped.
     static void add(uint16_t id, int16_t source = DPXY_SRC_CLIENT, uint8_t responses = 0,
                     uint8_t queries = 2) {
+        static uint8_t query[12];
         const dpxy_pcb p{.pkt_len = 12,
+                         .pkt = query,
                          .client_id = static_cast<uint16_t>(id ^ 0xFFFF),
                          .edns_mode = DPXY_EDNS_NONE,
                          .source = source,
