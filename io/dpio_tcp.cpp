@@ -127,10 +127,16 @@ struct upstream_conn {
     uint32_t answers = 0;
 };
 
-// The connection tables, made with the first connection: a daemon that never speaks TCP never
-// touches their memory.
+// The connection tables, made with the first connection: a daemon whose clients never speak TCP
+// never touches their memory.
 std::span<client_conn> clients;
 std::span<upstream_conn> upstreams;
+
+void make_tables() {
+    if (!clients.empty()) return;
+    clients = {new client_conn[DPIO_TCP_MAX_CLIENTS], DPIO_TCP_MAX_CLIENTS};
+    upstreams = {new upstream_conn[DPIO_TCP_MAX_UPSTREAMS], DPIO_TCP_MAX_UPSTREAMS};
+}
 int listen_fd = -1;
 uint32_t generation = 0;
 dpio_tcp_hooks hooks{};
@@ -360,6 +366,7 @@ client_conn* oldest_idle_client() {
 }
 
 void admit(int fd, const sockaddr_in6& sa) {
+    make_tables();
     client_conn* slot = nullptr;
     for (auto& c : clients) {
         if (c.fd < 0) {
@@ -570,12 +577,6 @@ upstream_conn* find_upstream(const uint8_t* addr) {
     return nullptr;
 }
 
-void make_tables() {
-    if (!clients.empty()) return;
-    clients = {new client_conn[DPIO_TCP_MAX_CLIENTS], DPIO_TCP_MAX_CLIENTS};
-    upstreams = {new upstream_conn[DPIO_TCP_MAX_UPSTREAMS], DPIO_TCP_MAX_UPSTREAMS};
-}
-
 upstream_conn* open_upstream(const uint8_t* addr) {
     make_tables();
     upstream_conn* slot = nullptr;
@@ -701,7 +702,6 @@ void dpio_tcp_set_hooks(const dpio_tcp_hooks& h) {
 }
 
 int dpio_tcp_listen() {
-    make_tables();
     const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
     const int off = 0;

@@ -70,8 +70,9 @@ int respond_to_requester(dpxy_pcb* pcb, answer& a) {
     if (pcb->source == DPXY_SRC_LOCAL) {
         dpio_send_csmsg_query_response(aaaa, a.inf.name, result, ttl, ipstrs);
     } else {
-        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, a.inf.name,
-                                           result, ttl, ipstrs);
+        dpio_send_query_response_to_module(pcb->ext != nullptr ? pcb->ext->module_tag : "",
+                                           pcb->ext != nullptr ? pcb->ext->module_seq : 0, aaaa,
+                                           a.inf.name, result, ttl, ipstrs);
     }
     remove_proxy_ctrlblk(pcb);
     return 0;
@@ -84,12 +85,13 @@ void restore_d2d(answer& a, const char* name) {
 int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n",
                  pcb->client_id, pcb->server_id, pcb->query_count, pcb->response_count,
-                 a.inf.ancount, pcb->d2d_name);
-    bool to_restore = pcb->d2d_name[0] != '\0';
+                 a.inf.ancount, dpxy_pcb_d2d_name(pcb));
+    const char* d2d_name = dpxy_pcb_d2d_name(pcb);
+    bool to_restore = d2d_name[0] != '\0';
     // An empty answer while other servers may still answer better is held, not relayed; one too
     // long for the pcb (a TCP answer), or one no storage could be had for, is relayed at once.
     if (a.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
-        if (to_restore) restore_d2d(a, pcb->d2d_name);
+        if (to_restore) restore_d2d(a, d2d_name);
         to_restore = false;
         if (dpxy_pcb_store(pcb, a.buf, a.len)) {
             pcb->response_count++;
@@ -100,10 +102,11 @@ int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
         dpcache_add_dync_cache(a.inf.qtype, a.inf.name, a.inf.hostaddr,
                                static_cast<uint32_t>(a.inf.ttl));
     }
-    if (to_restore) restore_d2d(a, pcb->d2d_name);
+    if (to_restore) restore_d2d(a, d2d_name);
     a.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
     a.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
-    send_packet_x(&pcb->client, a.buf, a.len);
+    const dp_peer_addr client = dpxy_pcb_client(pcb);
+    send_packet_x(&client, a.buf, a.len);
     if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, a.buf, a.len);
     remove_proxy_ctrlblk(pcb);
     if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
@@ -208,9 +211,9 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
     tc[3] = msg[3];
     tc[5] = 1;
     size_t n = DPENDEC_HEADER_SIZE;
-    if (pcb->d2d_name[0] != '\0') { // the name the client asked, with the answer's TYPE and CLASS
-        uint8_t wire[DPENDEC_NAME_SIZE];
-        const int wlen = compose_dname(pcb->d2d_name, wire);
+    if (dpxy_pcb_d2d_name(pcb)[0] != '\0') { // the name the client asked, with the answer's TYPE
+        uint8_t wire[DPENDEC_NAME_SIZE];     // and CLASS
+        const int wlen = compose_dname(dpxy_pcb_d2d_name(pcb), wire);
         if (wlen <= 0) return;
         std::memcpy(tc + n, wire, static_cast<size_t>(wlen));
         n += static_cast<size_t>(wlen);
@@ -220,7 +223,8 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
         std::memcpy(tc + n, msg + DPENDEC_HEADER_SIZE, qlen);
         n += qlen;
     }
-    send_packet_x(&pcb->client, tc, static_cast<uint16_t>(n));
+    const dp_peer_addr client = dpxy_pcb_client(pcb);
+    send_packet_x(&client, tc, static_cast<uint16_t>(n));
     if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, tc, static_cast<uint16_t>(n));
     dpio_tcp_counters().truncated++;
     remove_proxy_ctrlblk(pcb);

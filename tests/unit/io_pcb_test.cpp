@@ -125,12 +125,12 @@ class Pcbs : public ::testing::Test {
     static void add(uint16_t id, int16_t source = DPXY_SRC_CLIENT, uint8_t responses = 0,
                     uint8_t queries = 2) {
         static uint8_t query[12];
-        const dpxy_pcb p{.pkt_len = 12,
-                         .pkt = query,
+        const dpxy_pcb p{.pkt = query,
+                         .pkt_len = 12,
                          .client_id = static_cast<uint16_t>(id ^ 0xFFFF),
-                         .edns_mode = DPXY_EDNS_NONE,
-                         .source = source,
                          .server_id = id,
+                         .source = static_cast<int8_t>(source),
+                         .edns_mode = DPXY_EDNS_NONE,
                          .query_count = queries,
                          .response_count = responses};
         EXPECT_EQ(add_proxy_ctrlblk(&p, 0), 0);
