@@ -100,6 +100,8 @@ int main(int argc, char** argv) {
     std::vector<pollfd> pfds;
     for (auto& c : clients) {
         c.fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        const int rcvbuf = 4 << 20; // room for every answer outstanding: none lost here
+        setsockopt(c.fd, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf);
         connect(c.fd, reinterpret_cast<sockaddr*>(&to), sizeof to);
         pfds.push_back({c.fd, POLLIN, 0});
     }

@@ -45,6 +45,8 @@ from lab import GW_LAN_V4, KNOT_ADDR, Lab, dnsproxy_binary  # noqa: E402
 ROLES = ["forward", "local", "hosts", "filter", "reload", "latency", "overload", "memory", "allocs"]
 SUFFIX = "w.lab.example"  # a wildcard of the lab zone answers every name below it
 SILENT = "198.51.100.53"  # a lab address where no server listens: queries to it stay pending
+BASE_CONF = "EnableD2AFeature=1\nSystemDnsServerSetPolicy=0\nhosts_file=/etc/hosts.bench\n"
+BARE_UPSTREAM = "198.51.100.54"  # bench/udp_responder.cpp as the upstream of the overload role
 
 
 def build_tools(lab):
@@ -93,7 +95,7 @@ def dnsproxy(lab, files=None, args=(), env=None, binary=None):
     def start():
         base = {"/etc/dns_d2a.conf": "", "/etc/dns_prefix.conf": "", "/etc/hosts.bench": "",
                 "/etc/resolv.conf": f"nameserver {KNOT_ADDR}\n",
-                "/etc/flipla.conf": "EnableD2AFeature=1\nSystemDnsServerSetPolicy=0\nhosts_file=/etc/hosts.bench\n"}
+                "/etc/flipla.conf": BASE_CONF}
         for path, text in {**base, **(files or {})}.items():
             lab.write(path, text)
         return Run(lab, [binary or dnsproxy_binary(), *args], env=env)
@@ -105,9 +107,10 @@ def dnsmasq(lab, extra=(), server=KNOT_ADDR):
     return lambda: Run(lab, [*argv, f"--server={server}", "--dns-forward-max=1036", *extra])
 
 
-def dnsdist(lab):
+def dnsdist(lab, server=KNOT_ADDR):
     conf = lab.dir / "dnsdist.conf"
-    conf.write_text(f"setLocal('{GW_LAN_V4}:53')\nnewServer({{address='{KNOT_ADDR}:53'}})\n")
+    conf.write_text(f"setLocal('{GW_LAN_V4}:53')\nsetACL({{'0.0.0.0/0', '::/0'}})\nsetSecurityPollSuffix('')\n"
+                    f"newServer({{address='{server}:53'}})\n")
     return lambda: Run(lab, ["dnsdist", "--supervised", "--disable-syslog", "-C", str(conf)])
 
 
@@ -176,11 +179,13 @@ def reload_time(lab, args):
         lab.bus_signal(member)  # the signal, then a bus ping answered after it was handled
         return time.monotonic() - t
     try:
+        cpu = dc.cpu_seconds(run.pid)
         reload = statistics.median(timed("dpLoadHostsCache") for _ in range(5))
+        cpu = (dc.cpu_seconds(run.pid) - cpu) / 5  # the daemon's own time per reload (and ping)
         base = statistics.median(timed("dpNoSuchSignal") for _ in range(5))
     finally:
         run.stop()
-    return {"reload_s": reload - base, "with_ipc_s": reload, "ipc_s": base}
+    return {"reload_s": reload - base, "with_ipc_s": reload, "ipc_s": base, "daemon_cpu_s": cpu}
 
 
 def dnsload(lab, tools, start, *opts):
@@ -192,6 +197,29 @@ def dnsload(lab, tools, start, *opts):
         out["private_dirty_kib"] = private_dirty_kib(run.pid)
     finally:
         run.stop()
+    return out
+
+
+def overload(lab, tools, args):
+    """16 sockets x 500 outstanding, every answer checked. Upstream: knotd, and a bare responder
+    with a 4 MiB receive buffer, which loses nothing."""
+    opts = ("--sockets", 16, "--outstanding", 500, "--seconds", args.seconds, "--timeout", 2)
+    bare = subprocess.Popen(lab.exec_argv("wan", [tools["udp_responder"], BARE_UPSTREAM, "53", str(4 << 20)]))
+    out = {}
+    try:
+        for upstream, server in (("knotd", KNOT_ADDR), ("bare", BARE_UPSTREAM)):
+            contenders = {"dnsproxy": dnsproxy(lab, {"/etc/resolv.conf": f"nameserver {server}\n"}),
+                          "dnsmasq": dnsmasq(lab, server=server)}
+            if shutil.which("dnsdist"):
+                contenders["dnsdist"] = dnsdist(lab, server)
+            contenders["dnsproxy-hardened"] = dnsproxy(lab, {"/etc/resolv.conf": f"nameserver {server}\n",
+                                                             "/etc/flipla.conf": BASE_CONF + "EnableHardenedMode=1\n"})
+            for who, start in contenders.items():
+                out[f"{who} upstream {upstream}"] = r = dnsload(lab, tools, start, *opts)
+                print(f"overload {who:17} upstream {upstream:6} {json.dumps(r)}", flush=True)
+    finally:
+        bare.terminate()
+        bare.wait()
     return out
 
 
@@ -278,11 +306,7 @@ def main():
             out["latency"] = {"dnsproxy": dnsload(lab, tools, dnsproxy(lab), *opts),
                               "dnsmasq": dnsload(lab, tools, dnsmasq(lab), *opts)}
         if "overload" in roles:
-            opts = ("--sockets", 16, "--outstanding", 500, "--seconds", args.seconds, "--timeout", 2)
-            contenders = {"dnsproxy": dnsproxy(lab), "dnsmasq": dnsmasq(lab)}
-            if shutil.which("dnsdist"):
-                contenders["dnsdist"] = dnsdist(lab)
-            out["overload"] = {who: dnsload(lab, tools, start, *opts) for who, start in contenders.items()}
+            out["overload"] = overload(lab, tools, args)
         if "memory" in roles:
             out["memory"] = memory(lab, tools)
         if "allocs" in roles:

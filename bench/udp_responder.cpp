@@ -3,7 +3,7 @@
 // beyond finding the end of the question, no table, no policy: what the machine allows a DNS
 // answer to cost.
 //
-//   udp_responder ADDRESS [PORT]
+//   udp_responder ADDRESS [PORT [RCVBUF]]    (RCVBUF: the socket's receive buffer, in bytes)
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,6 +18,8 @@ int main(int argc, char** argv) {
     sockaddr_in sa{AF_INET, htons(argc > 2 ? atoi(argv[2]) : 53), {}, {}};
     inet_pton(AF_INET, argv[1], &sa.sin_addr);
     if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) return 1;
+    const int rcvbuf = argc > 3 ? atoi(argv[3]) : 0;
+    if (rcvbuf > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf);
     constexpr int kBatch = 16;
     static uint8_t buf[kBatch][1100];
     static sockaddr_in from[kBatch];

@@ -452,19 +452,21 @@ int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, 
 
 int dpio_read_batch(int sock, int max, uint32_t size) {
     max = std::clamp(max, 1, DPIO_BATCH);
-    for (int i = 0; i < max; ++i) {
-        rbatch.iov[i] = {rbatch.buf[i], read_limit(size)};
-        rbatch.from[i] = sockaddr_in6{};
-        rbatch.msgs[i].msg_hdr = msghdr{};
-        rbatch.msgs[i].msg_hdr.msg_name = &rbatch.from[i];
-        rbatch.msgs[i].msg_hdr.msg_namelen = sizeof rbatch.from[i];
-        rbatch.msgs[i].msg_hdr.msg_iov = &rbatch.iov[i];
-        rbatch.msgs[i].msg_hdr.msg_iovlen = 1;
+    if (rbatch.msgs[0].msg_hdr.msg_iov == nullptr || rbatch.size != size) { // once per buffer size
+        for (int i = 0; i < DPIO_BATCH; ++i) {
+            rbatch.iov[i] = {rbatch.buf[i], read_limit(size)};
+            rbatch.msgs[i].msg_hdr = msghdr{};
+            rbatch.msgs[i].msg_hdr.msg_name = &rbatch.from[i];
+            rbatch.msgs[i].msg_hdr.msg_iov = &rbatch.iov[i];
+            rbatch.msgs[i].msg_hdr.msg_iovlen = 1;
+        }
+        rbatch.size = size;
     }
+    for (int i = 0; i < max; ++i) // what the kernel wrote back
+        rbatch.msgs[i].msg_hdr.msg_namelen = sizeof rbatch.from[i];
     const int n = recvmmsg(sock, rbatch.msgs, static_cast<unsigned>(max), MSG_WAITALL, nullptr);
     rbatch.count = std::max(n, 0);
     rbatch.sock = sock;
-    rbatch.size = size;
     return n < 0 ? read_failed(sock) : n;
 }
 
