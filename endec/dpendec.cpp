@@ -656,26 +656,24 @@ namespace {
 // only when the whole text is an address.
 bool parse_ipv4(const char* text, uint8_t* dst) {
     uint8_t parts[4] = {};
-    int n = 0;
+    int at = 0;   // the part being read
+    int seen = 0; // parts begun
     bool digit = false;
     for (const char* p = text; *p != '\0'; ++p) {
         if (*p >= '0' && *p <= '9') {
-            const unsigned v = parts[n > 0 ? n - 1 : 0] * 10u + static_cast<unsigned>(*p - '0');
-            if (digit && parts[n - 1] == 0) return false;
-            if (v > 255) return false;
-            if (!digit) {
-                if (++n > 4) return false;
-                digit = true;
-            }
-            parts[n - 1] = static_cast<uint8_t>(v);
-        } else if (*p == '.' && digit) {
-            if (n == 4) return false;
+            const unsigned v = parts[at] * 10u + static_cast<unsigned>(*p - '0');
+            if ((digit && parts[at] == 0) || v > 255) return false;
+            parts[at] = static_cast<uint8_t>(v);
+            if (!digit && ++seen > 4) return false;
+            digit = true;
+        } else if (*p == '.' && digit && seen < 4) {
+            ++at;
             digit = false;
         } else {
             return false;
         }
     }
-    if (n < 4) return false;
+    if (seen < 4) return false;
     std::memcpy(dst, parts, 4);
     return true;
 }
