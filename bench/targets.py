@@ -149,6 +149,9 @@ def rate_roles(lab, tools, roles, args):
     local_names = [f"p{i}.home A" for i in range(100)]
     plan = {
         "forward": [("dnsproxy", dnsproxy(lab), names(10000)), ("dnsmasq", dnsmasq(lab), names(10000))],
+        "forward-before": [("dnsproxy", dnsproxy(lab, binary=args.baseline), names(10000))],
+        "local-before": [("dnsproxy", dnsproxy(lab, {"/etc/dns_d2a.conf": d2a}, binary=args.baseline),
+                          local_names)],
         "local": [("dnsproxy", dnsproxy(lab, {"/etc/dns_d2a.conf": d2a}), local_names),
                   ("dnsmasq", dnsmasq(lab, [f"--address=/p{i}.home/192.0.2.{100 + i}" for i in range(100)]),
                    local_names),
@@ -159,8 +162,9 @@ def rate_roles(lab, tools, roles, args):
                     names(10000)) for n in (10, 10000)],
     }
     results = {}
+    wanted = [r for r in plan if r.split("-")[0] in roles and (args.baseline or "-" not in r)]
     for rnd in range(args.rounds):
-        for role in [r for r in plan if r in roles]:
+        for role in wanted:
             for who, start, qnames in plan[role]:
                 r = rate(lab, start, qnames, args)
                 results.setdefault((role, who), []).append(r)
@@ -200,6 +204,21 @@ def dnsload(lab, tools, start, *opts):
     return out
 
 
+def latency(lab, tools, args):
+    """Forwarding at 5,000 queries a second: p50/p99/max, medians of interleaved rounds."""
+    opts = ("--rate", 5000, "--sockets", 4, "--outstanding", 100, "--seconds", args.seconds)
+    contenders = {"dnsproxy": dnsproxy(lab), "dnsmasq": dnsmasq(lab)}
+    if args.baseline:
+        contenders["dnsproxy-before"] = dnsproxy(lab, binary=args.baseline)
+    runs = {}
+    for _ in range(args.rounds):
+        for who, start in contenders.items():
+            runs.setdefault(who, []).append(r := dnsload(lab, tools, start, *opts))
+            print(f"latency {who:15} {json.dumps(r)}", flush=True)
+    return {who: {k: statistics.median(r[k] for r in v) for k in ("p50_ms", "p99_ms", "max_ms", "wrong", "lost")}
+            for who, v in runs.items()}
+
+
 def overload(lab, tools, args):
     """16 sockets x 500 outstanding, every answer checked. Upstream: knotd, and a bare responder
     with a 4 MiB receive buffer, which loses nothing."""
@@ -223,12 +242,26 @@ def overload(lab, tools, args):
     return out
 
 
-def memory(lab, tools):
-    """Private_Dirty at rest, and with a full table: queries to an upstream that never answers."""
+def memory(lab, tools, rounds, baseline=None):
+    """Private_Dirty at rest, and with a full table: queries to an upstream that never answers;
+    medians of interleaved rounds."""
+    runs = {}
+    for _ in range(rounds):
+        for who, r in memory_round(lab, tools, baseline).items():
+            runs.setdefault(who, []).append(r)
+    return {who: {"rest_kib": statistics.median(r["rest_kib"] for r in v),
+                  "full_kib": statistics.median(r["full_kib"] for r in v),
+                  "rounds": [(r["rest_kib"], r["full_kib"], r["pending"]) for r in v]} for who, v in runs.items()}
+
+
+def memory_round(lab, tools, baseline):
     out = {}
-    for who, start in (("dnsproxy", dnsproxy(lab, {"/etc/resolv.conf": f"nameserver {SILENT}\n",
-                                                  "/etc/dns_d2a.conf": f"192.0.2.80 n0.{SUFFIX}\n"})),
-                       ("dnsmasq", dnsmasq(lab, [f"--address=/n0.{SUFFIX}/192.0.2.80"], server=SILENT))):
+    files = {"/etc/resolv.conf": f"nameserver {SILENT}\n", "/etc/dns_d2a.conf": f"192.0.2.80 n0.{SUFFIX}\n"}
+    contenders = [("dnsproxy", dnsproxy(lab, files)),
+                  ("dnsmasq", dnsmasq(lab, [f"--address=/n0.{SUFFIX}/192.0.2.80"], server=SILENT))]
+    if baseline:
+        contenders.append(("dnsproxy-before", dnsproxy(lab, files, binary=baseline)))
+    for who, start in contenders:
         run = start()
         try:
             time.sleep(2.5)  # past the first ticks of the loop
@@ -288,6 +321,7 @@ def main():
     p.add_argument("--outstanding", type=int, default=100)
     p.add_argument("--wait-minutes", type=float, default=30)
     p.add_argument("--quiet-load", type=float, default=1.5)
+    p.add_argument("--baseline", help="an earlier dnsproxy binary, run beside in forward, local, latency")
     args = p.parse_args()
     roles = args.roles.split(",")
     labmod.SAMPLE_ZONE += "*.w A 203.0.113.99\n"
@@ -303,12 +337,12 @@ def main():
             out["reload"] = reload_time(lab, args)
         if "latency" in roles:
             opts = ("--rate", 5000, "--sockets", 4, "--outstanding", 100, "--seconds", args.seconds)
-            out["latency"] = {"dnsproxy": dnsload(lab, tools, dnsproxy(lab), *opts),
-                              "dnsmasq": dnsload(lab, tools, dnsmasq(lab), *opts)}
+            out["latency"] = latency(lab, tools, args)
         if "overload" in roles:
             out["overload"] = overload(lab, tools, args)
         if "memory" in roles:
-            out["memory"] = memory(lab, tools)
+            out["memory"] = memory(lab, tools, args.rounds, args.baseline)
+            print("memory", json.dumps(out["memory"]), flush=True)
         if "allocs" in roles:
             out["allocs"] = {role: allocations(lab, tools, role) for role in ("forward", "local")}
     finally:
