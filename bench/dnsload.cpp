@@ -110,8 +110,8 @@ int main(int argc, char** argv) {
     double max_ms = 0;
     uint32_t seq = 0;
     const clk::time_point start = clk::now();
-    const auto stop = start + std::chrono::duration_cast<clk::duration>(
-                                  std::chrono::duration<double>(seconds));
+    const auto stop =
+        start + std::chrono::duration_cast<clk::duration>(std::chrono::duration<double>(seconds));
     for (auto now = start; now < stop + timeout; now = clk::now()) {
         // One query a socket a round while a socket has room and the rate allows.
         for (bool more = now < stop; more;) {
@@ -177,10 +177,13 @@ int main(int argc, char** argv) {
         }
     }
     std::sort(lat_ms.begin(), lat_ms.end());
-    auto pct = [&](double f) { return lat_ms.empty() ? 0 : lat_ms[size_t(f * (lat_ms.size() - 1))]; };
-    std::printf("{\"queries\": %lu, \"answers\": %zu, \"lost\": %lu, \"wrong\": %lu, \"late\": %lu, "
-                "\"qps\": %.0f, \"p50_ms\": %.3f, \"p99_ms\": %.3f, \"max_ms\": %.3f}\n",
-                sent, lat_ms.size(), lost, wrong, late, double(lat_ms.size()) / seconds, pct(0.5),
-                pct(0.99), max_ms);
+    auto pct = [&](double f) {
+        return lat_ms.empty() ? 0 : lat_ms[size_t(f * (lat_ms.size() - 1))];
+    };
+    std::printf(
+        "{\"queries\": %lu, \"answers\": %zu, \"lost\": %lu, \"wrong\": %lu, \"late\": %lu, "
+        "\"qps\": %.0f, \"p50_ms\": %.3f, \"p99_ms\": %.3f, \"max_ms\": %.3f}\n",
+        sent, lat_ms.size(), lost, wrong, late, double(lat_ms.size()) / seconds, pct(0.5),
+        pct(0.99), max_ms);
     return 0;
 }

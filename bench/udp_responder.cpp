@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
             while (at < len && m[at] != 0)
                 at += 1u + m[at];
             if (len < 12 || at + 5 > len) continue;
-            at += 5; // root label, TYPE, CLASS: the answer follows the question
+            at += 5;                  // root label, TYPE, CLASS: the answer follows the question
             m[2] = 0x84 | (m[2] & 1); // QR, AA, RD as asked
             m[3] = 0;
             m[6] = 0, m[7] = 1, m[8] = m[9] = m[10] = m[11] = 0;

@@ -211,9 +211,10 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
     tc[3] = msg[3];
     tc[5] = 1;
     size_t n = DPENDEC_HEADER_SIZE;
-    if (dpxy_pcb_d2d_name(pcb)[0] != '\0') { // the name the client asked, with the answer's TYPE
-        uint8_t wire[DPENDEC_NAME_SIZE];     // and CLASS
-        const int wlen = compose_dname(dpxy_pcb_d2d_name(pcb), wire);
+    if (const char* d2d = dpxy_pcb_d2d_name(pcb); d2d[0] != '\0') {
+        // the name the client asked, with the answer's TYPE and CLASS
+        uint8_t wire[DPENDEC_NAME_SIZE];
+        const int wlen = compose_dname(d2d, wire);
         if (wlen <= 0) return;
         std::memcpy(tc + n, wire, static_cast<size_t>(wlen));
         n += static_cast<size_t>(wlen);
@@ -330,9 +331,7 @@ int dpxy_dispatch_socket(struct pollfd* entry) {
         const int n = dpio_read_batch(entry->fd, want, DPXY_MAX_PACKET);
         if (n == 0) break; // drained
         if (n < 0) {       // a failed read counts as one datagram of the wake-up
-            if (server)
-                DPMAIN_TRACE_AS("dpxy_handle_server_packet", DP_WARN,
-                                "recv server pkt err ret=%d\n", n);
+            if (server) server_datagram(entry->fd, n, dp_peer_addr{});
             ++done;
             continue;
         }

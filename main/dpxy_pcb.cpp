@@ -52,11 +52,15 @@ struct free_item {
     free_item* next;
 };
 
-// One slab: linked to the previous one of its class, so that every slab stays reachable.
-struct slab_head {
+// The head of a slab, its blocks right behind it: linked to the previous slab of its class, so
+// that every slab stays reachable.
+struct alignas(std::max_align_t) slab_head {
     slab_head* next;
-    alignas(std::max_align_t) unsigned char area[1];
 };
+
+unsigned char* blocks_of(slab_head* slab) {
+    return reinterpret_cast<unsigned char*>(slab + 1);
+}
 
 struct block_class {
     free_item* free = nullptr;
@@ -87,13 +91,13 @@ void* take_block(int c) {
     }
     if (k.slabs == nullptr || k.carved == per_slab(c)) {
         auto* slab = static_cast<slab_head*>(
-            std::malloc(offsetof(slab_head, area) + size_t{kClassSizes[c]} * per_slab(c)));
+            std::malloc(sizeof(slab_head) + size_t{kClassSizes[c]} * per_slab(c)));
         if (slab == nullptr) return nullptr;
         slab->next = k.slabs;
         k.slabs = slab;
         k.carved = 0;
     }
-    return k.slabs->area + size_t{kClassSizes[c]} * k.carved++;
+    return blocks_of(k.slabs) + size_t{kClassSizes[c]} * k.carved++;
 }
 
 void give_block(int c, void* p) {
