@@ -261,7 +261,7 @@ cache_entry* find_indexed(const list_index& idx, const char* key, uint32_t type,
             cache_entry* e = entry_of<offsetof(entry_extra, by_name)>(l);
             if (l->hash == h && e->type == type && same_text(e->name, key)) consider(e);
         }
-        if (contains_webgui_name(key)) {
+        if (idx.webgui != nullptr && contains_webgui_name(key)) {
             for (index_link* l = idx.webgui; l != nullptr; l = l->next) {
                 cache_entry* e = entry_of<offsetof(entry_extra, webgui)>(l);
                 if (e->type == type) consider(e);

@@ -80,6 +80,7 @@ extern dplog_config dplog_cfg;
 #define DPCFG_TRACE(lvl, ...)           DP_TRACE_AT(DP_MOD_CONFIG, "DPCFG ", lvl, __VA_ARGS__)
 #define DPUTIL_TRACE(lvl, ...)          DP_TRACE_AT(DP_MOD_UTIL, "DPUTIL", lvl, __VA_ARGS__)
 #define DPMAIN_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_PROXY, "DPMAIN", lvl, __VA_ARGS__)
+#define DPIO_TRACE_AS(func, lvl, ...)   DP_TRACE_AS(func, DP_MOD_IO, "DPIO  ", lvl, __VA_ARGS__)
 #define DPEDC_TRACE_AS(func, lvl, ...)  DP_TRACE_AS(func, DP_MOD_ENDEC, "DPEDC ", lvl, __VA_ARGS__)
 #define DPSERV_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_SERVER, "DPSERV", lvl, __VA_ARGS__)
 #define DPCACH_TRACE_AS(func, lvl, ...) DP_TRACE_AS(func, DP_MOD_CACHE, "DPCACH", lvl, __VA_ARGS__)

@@ -128,6 +128,7 @@ void dpio_close_module_interface() {
 int dpio_request_registration_state(uint32_t type, uint8_t* reply, int32_t size) {
     if (reply == nullptr || size <= 0) return -1;
     const csMsgHeader req = make_header(type, DPIO_MODULE_MGMT, kFlagsRequest);
+    dpio_flush_answers(); // the loop waits for the reply: answers collected so far go first
     drain_channel();
     dump("snd cs3", &req, sizeof req);
     if (csMsg_send(s_dp_csmsg_handle, &req) != CSMSG_OK) return -2;

@@ -42,6 +42,13 @@ bool is_v4_mapped(const uint8_t* a) {
     return std::memcmp(a, prefix, sizeof prefix) == 0;
 }
 
+// Beyond the system's limit when the daemon may (it runs as root), else up to that limit.
+void set_receive_buffer(int fd, int bytes) {
+    if (fd < 0) return;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
 void trace_send(const char* func, int line, int sock, const uint8_t* addr, uint16_t port,
                 const uint8_t* buf, uint16_t len, int ret) {
     if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
@@ -102,6 +109,7 @@ bool open_pool_socket() {
         const uint16_t port = random_port();
         const int fd = create_socket(port); // a port taken already fails to bind: draw another
         if (fd < 0) continue;
+        set_receive_buffer(fd, DPIO_SERVER_RCVBUF);
         *slot = {fd, port, 0, ++pool_order};
         if (server_dispatch != nullptr) ombusRegisterPollingSocket(fd, server_dispatch, 0, 0);
         return true;
@@ -158,6 +166,137 @@ uint8_t fold(uint8_t c) {
     return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c - 'A' + 'a') : c;
 }
 
+// ---- reading ------------------------------------------------------------------------------------
+
+// What one read takes for a buffer of size bytes: a datagram over 1024 bytes is read as 1025,
+// which is how it is recognised.
+size_t read_limit(uint32_t size) {
+    return size > DPIO_MAX_DATAGRAM ? DPIO_MAX_DATAGRAM + 1 : size;
+}
+
+// 0 when nothing is waiting, else the counted and traced read error.
+int read_failed(int sock) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    dp_stats.recv_packet_error++;
+    DPIO_TRACE_AS("dpio_read_packet", DP_PKT, "failed to read packet from sock_fd=%d\n", sock);
+    return -2;
+}
+
+// Everything a read does after the system call, for n bytes received from from into buf (a
+// buffer of size bytes).
+int take_datagram(int sock, const sockaddr_in6& from, const uint8_t* buf, uint32_t size, uint32_t n,
+                  dp_peer_addr* peer, uint16_t* len) {
+    *len = static_cast<uint16_t>(n);
+    last_packet_len = std::min<uint32_t>(n, std::min<uint32_t>(size, kLastPacketSize));
+    std::memcpy(last_packet, buf, last_packet_len);
+
+    peer->sa = from;
+    std::memcpy(peer->addr, &from.sin6_addr, 16);
+    peer->port = ntohs(from.sin6_port);
+    peer->kind = is_v4_mapped(peer->addr) ? DPIO_PEER_IPV4 : DPIO_PEER_IPV6;
+    peer->tcp = 0;
+    if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
+        char text[INET6_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET6, peer->addr, text, sizeof text);
+        dp_trace("DPIO  ", "dpio_read_packet", __LINE__,
+                 "rcv sock=%d id=0x%x len=%d sip=%s sport=%d skType=%d\n", sock,
+                 message_id(buf, *len), static_cast<int>(*len), text, static_cast<int>(peer->port),
+                 static_cast<int>(peer->kind));
+    }
+    if (DP_TRACE_ON(DP_MOD_IO, DP_IO))
+        dpio_hex_dump("rcv dns", buf, std::min<uint32_t>(*len, size));
+
+    if (*len < kHeaderLen) {
+        dp_stats.packet_len_too_short++;
+        DPIO_TRACE_AS("dpio_read_packet", DP_PKT, "drop short packet for len(%d)\n",
+                      static_cast<int>(*len));
+        return -3;
+    }
+    if (*len > DPIO_MAX_DATAGRAM) {
+        dp_stats.packet_len_too_long++;
+        DPIO_TRACE_AS("dpio_read_packet", DP_PKT, "drop long packet for len(%d)\n",
+                      static_cast<int>(*len));
+        return -5;
+    }
+    return 1;
+}
+
+// The datagrams of one recvmmsg, handed out one at a time. Large static records here start all
+// zero, without a constructor, and what a small batch uses lies together: pages nobody used stay
+// untouched.
+struct read_batch {
+    int count;
+    int sock;
+    uint32_t size;
+    iovec iov[DPIO_BATCH];
+    sockaddr_in6 from[DPIO_BATCH];
+    mmsghdr msgs[DPIO_BATCH];
+    uint8_t buf[DPIO_BATCH][DPIO_MAX_DATAGRAM + 1];
+};
+
+read_batch rbatch;
+
+// ---- answers collected for one sendmmsg ---------------------------------------------------------
+
+constexpr int kAnswersMax = 64;
+constexpr size_t kAnswerArea = 16 * 1024; // far more than 64 ordinary answers take
+
+struct answer_queue {
+    bool open;
+    int count;
+    size_t used;
+    iovec iov[kAnswersMax];
+    sockaddr_in6 to[kAnswersMax];
+    mmsghdr msgs[kAnswersMax];
+    uint8_t area[kAnswerArea];
+};
+
+answer_queue answers;
+
+// Sends what was collected: each datagram once, a failed one counted and skipped.
+void flush_answers() {
+    for (int at = 0; at < answers.count;) {
+        const int sent =
+            sendmmsg(client_fd, answers.msgs + at, static_cast<unsigned>(answers.count - at), 0);
+        if (sent <= 0) {
+            dp_stats.send_packet_error++;
+            ++at;
+            continue;
+        }
+        at += sent;
+    }
+    answers.count = 0;
+    answers.used = 0;
+}
+
+// Collects an answer for the client socket; false when it must go at once (no batch open, or a
+// trace that shows each send).
+bool collect_answer(const sockaddr_in6& to, const uint8_t* buf, uint16_t len) {
+    if (!answers.open || DP_TRACE_ON(DP_MOD_IO, DP_PKT) || DP_TRACE_ON(DP_MOD_IO, DP_IO))
+        return false;
+    if (answers.count == kAnswersMax || kAnswerArea - answers.used < len) flush_answers();
+    const int i = answers.count++;
+    uint8_t* copy = answers.area + answers.used;
+    std::memcpy(copy, buf, len);
+    answers.used += len;
+    answers.to[i] = to;
+    answers.iov[i] = {copy, len};
+    answers.msgs[i].msg_hdr = msghdr{};
+    answers.msgs[i].msg_hdr.msg_name = &answers.to[i];
+    answers.msgs[i].msg_hdr.msg_namelen = sizeof answers.to[i];
+    answers.msgs[i].msg_hdr.msg_iov = &answers.iov[i];
+    answers.msgs[i].msg_hdr.msg_iovlen = 1;
+    return true;
+}
+
+sockaddr_in6 socket_address(const uint8_t* addr, uint16_t port) {
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    sa.sin6_port = htons(port);
+    std::memcpy(&sa.sin6_addr, addr, 16);
+    return sa;
+}
+
 } // namespace
 
 int create_socket(uint16_t port) {
@@ -185,6 +324,7 @@ int create_client_socket() {
     if (client_fd < 0)
         DPIO_TRACE(DP_ERROR, "failed to create client socket with port=%d\n", kClientPort);
     DPIO_TRACE(DP_DETAIL, "socket client_fd=%d\n", client_fd);
+    set_receive_buffer(client_fd, DPIO_CLIENT_RCVBUF);
     server_fd = dpio_create_server_socket();
     return 0;
 }
@@ -213,6 +353,7 @@ int dpio_create_server_socket() {
     }
     DPIO_TRACE(DP_DETAIL, "socket server_fd=%d server_port=%d\n", fd,
                static_cast<int>(server_port));
+    set_receive_buffer(fd, DPIO_SERVER_RCVBUF);
     return fd;
 }
 
@@ -244,10 +385,7 @@ uint16_t dpio_get_server_port() {
 }
 
 int send_packet(int sock, const uint8_t* addr, uint16_t port, const uint8_t* buf, uint16_t len) {
-    sockaddr_in6 sa{};
-    sa.sin6_family = AF_INET6;
-    sa.sin6_port = htons(port);
-    std::memcpy(&sa.sin6_addr, addr, 16);
+    sockaddr_in6 sa = socket_address(addr, port);
     const int ret =
         static_cast<int>(sendto(sock, buf, len, 0, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
     trace_send(__func__, __LINE__, sock, addr, port, buf, len, ret);
@@ -263,8 +401,11 @@ int send_packet_x(const dp_peer_addr* peer, const uint8_t* buf, uint16_t len) {
         return ret;
     }
     if (dpcfg_send_mode_for_client_response() == 0) {
-        return send_packet(client_fd, peer->addr, static_cast<uint16_t>(peer->port), buf, len);
+        const auto port = static_cast<uint16_t>(peer->port);
+        if (collect_answer(socket_address(peer->addr, port), buf, len)) return len;
+        return send_packet(client_fd, peer->addr, port, buf, len);
     }
+    if (collect_answer(peer->sa, buf, len)) return len;
     // The address exactly as received keeps the flow information and a link-local scope id.
     iovec iov{const_cast<uint8_t*>(buf), len};
     msghdr msg{};
@@ -297,7 +438,7 @@ int dpio_send_to_server(const uint8_t* addr, uint16_t port, const uint8_t* buf, 
 
 int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, uint16_t* len) {
     // A datagram over 1024 bytes is read as 1025, which is how it is recognised.
-    iovec iov{buf, size > DPIO_MAX_DATAGRAM ? DPIO_MAX_DATAGRAM + 1 : size};
+    iovec iov{buf, read_limit(size)};
     sockaddr_in6 from{};
     msghdr msg{};
     msg.msg_name = &from;
@@ -305,44 +446,48 @@ int dpio_read_packet(int sock, dp_peer_addr* peer, uint8_t* buf, uint32_t size, 
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     const ssize_t n = recvmsg(sock, &msg, MSG_WAITALL);
-    if (n < 0) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
-        dp_stats.recv_packet_error++;
-        DPIO_TRACE(DP_PKT, "failed to read packet from sock_fd=%d\n", sock);
-        return -2;
-    }
-    *len = static_cast<uint16_t>(n);
-    last_packet_len =
-        std::min<uint32_t>(static_cast<uint32_t>(n), std::min<uint32_t>(size, kLastPacketSize));
-    std::memcpy(last_packet, buf, last_packet_len);
+    if (n < 0) return read_failed(sock);
+    return take_datagram(sock, from, buf, size, static_cast<uint32_t>(n), peer, len);
+}
 
-    peer->sa = from;
-    std::memcpy(peer->addr, &from.sin6_addr, 16);
-    peer->port = ntohs(from.sin6_port);
-    peer->kind = is_v4_mapped(peer->addr) ? DPIO_PEER_IPV4 : DPIO_PEER_IPV6;
-    peer->tcp = 0;
-    if (DP_TRACE_ON(DP_MOD_IO, DP_PKT)) {
-        char text[INET6_ADDRSTRLEN] = "";
-        inet_ntop(AF_INET6, peer->addr, text, sizeof text);
-        dp_trace("DPIO  ", __func__, __LINE__,
-                 "rcv sock=%d id=0x%x len=%d sip=%s sport=%d skType=%d\n", sock,
-                 message_id(buf, *len), static_cast<int>(*len), text, static_cast<int>(peer->port),
-                 static_cast<int>(peer->kind));
+int dpio_read_batch(int sock, int max, uint32_t size) {
+    max = std::clamp(max, 1, DPIO_BATCH);
+    if (rbatch.msgs[0].msg_hdr.msg_iov == nullptr || rbatch.size != size) { // once per buffer size
+        for (int i = 0; i < DPIO_BATCH; ++i) {
+            rbatch.iov[i] = {rbatch.buf[i], read_limit(size)};
+            rbatch.msgs[i].msg_hdr = msghdr{};
+            rbatch.msgs[i].msg_hdr.msg_name = &rbatch.from[i];
+            rbatch.msgs[i].msg_hdr.msg_iov = &rbatch.iov[i];
+            rbatch.msgs[i].msg_hdr.msg_iovlen = 1;
+        }
+        rbatch.size = size;
     }
-    if (DP_TRACE_ON(DP_MOD_IO, DP_IO))
-        dpio_hex_dump("rcv dns", buf, std::min<uint32_t>(*len, size));
+    for (int i = 0; i < max; ++i) // what the kernel wrote back
+        rbatch.msgs[i].msg_hdr.msg_namelen = sizeof rbatch.from[i];
+    const int n = recvmmsg(sock, rbatch.msgs, static_cast<unsigned>(max), MSG_WAITALL, nullptr);
+    rbatch.count = std::max(n, 0);
+    rbatch.sock = sock;
+    return n < 0 ? read_failed(sock) : n;
+}
 
-    if (*len < kHeaderLen) {
-        dp_stats.packet_len_too_short++;
-        DPIO_TRACE(DP_PKT, "drop short packet for len(%d)\n", static_cast<int>(*len));
-        return -3;
-    }
-    if (*len > DPIO_MAX_DATAGRAM) {
-        dp_stats.packet_len_too_long++;
-        DPIO_TRACE(DP_PKT, "drop long packet for len(%d)\n", static_cast<int>(*len));
-        return -5;
-    }
-    return 1;
+int dpio_batch_packet(int i, dp_peer_addr* peer, const uint8_t** msg, uint16_t* len) {
+    if (i < 0 || i >= rbatch.count) return 0;
+    *msg = rbatch.buf[i];
+    return take_datagram(rbatch.sock, rbatch.from[i], rbatch.buf[i], rbatch.size,
+                         rbatch.msgs[i].msg_len, peer, len);
+}
+
+void dpio_begin_answers() {
+    answers.open = true;
+}
+
+void dpio_flush_answers() {
+    flush_answers();
+}
+
+void dpio_end_answers() {
+    flush_answers();
+    answers.open = false;
 }
 
 void dpio_hex_dump(const char* label, const uint8_t* buf, uint32_t len) {

@@ -127,8 +127,16 @@ struct upstream_conn {
     uint32_t answers = 0;
 };
 
-client_conn clients[DPIO_TCP_MAX_CLIENTS];
-upstream_conn upstreams[DPIO_TCP_MAX_UPSTREAMS];
+// The connection tables, made with the first connection: a daemon whose clients never speak TCP
+// never touches their memory.
+std::span<client_conn> clients;
+std::span<upstream_conn> upstreams;
+
+void make_tables() {
+    if (!clients.empty()) return;
+    clients = {new client_conn[DPIO_TCP_MAX_CLIENTS], DPIO_TCP_MAX_CLIENTS};
+    upstreams = {new upstream_conn[DPIO_TCP_MAX_UPSTREAMS], DPIO_TCP_MAX_UPSTREAMS};
+}
 int listen_fd = -1;
 uint32_t generation = 0;
 dpio_tcp_hooks hooks{};
@@ -226,7 +234,7 @@ bool takes_queries(const client_conn& c) {
 
 client_conn* client_of_token(uint32_t token) {
     const uint32_t slot = (token & 0xFF) - 1;
-    if (slot >= static_cast<uint32_t>(DPIO_TCP_MAX_CLIENTS)) return nullptr;
+    if (slot >= clients.size()) return nullptr;
     client_conn& c = clients[slot];
     return c.fd >= 0 && c.token == token ? &c : nullptr;
 }
@@ -358,6 +366,7 @@ client_conn* oldest_idle_client() {
 }
 
 void admit(int fd, const sockaddr_in6& sa) {
+    make_tables();
     client_conn* slot = nullptr;
     for (auto& c : clients) {
         if (c.fd < 0) {
@@ -383,7 +392,7 @@ void admit(int fd, const sockaddr_in6& sa) {
     if (generation == 0) generation = 1;
     client_conn& c = *slot;
     c.fd = fd;
-    c.token = generation << 8 | static_cast<uint32_t>(slot - clients + 1);
+    c.token = generation << 8 | static_cast<uint32_t>(slot - clients.data() + 1);
     c.peer.sa = sa;
     std::memcpy(c.peer.addr, &sa.sin6_addr, 16);
     c.peer.port = ntohs(sa.sin6_port);
@@ -569,6 +578,7 @@ upstream_conn* find_upstream(const uint8_t* addr) {
 }
 
 upstream_conn* open_upstream(const uint8_t* addr) {
+    make_tables();
     upstream_conn* slot = nullptr;
     for (auto& u : upstreams) {
         if (u.fd < 0) {

@@ -98,7 +98,8 @@ inline constexpr int DPXY_DRAINED = 1;
 // Handle one datagram of the client / upstream socket: its result code, or DPXY_DRAINED.
 int dpxy_handle_client_packet(int fd);
 int dpxy_handle_server_packet(int fd);
-// Socket dispatch callback of the bus loop: drains the readable socket, one datagram at a time.
+// Socket dispatch callback of the bus loop: drains the readable socket in batches (at most 256
+// datagrams a wake-up) and sends the answers of the wake-up to clients together.
 int dpxy_dispatch_socket(struct pollfd* entry);
 // DNS over TCP (EnableTcp): hands the TCP connections' queries and answers to the pipelines and
 // opens the listening socket when enabled. After the client socket is open.

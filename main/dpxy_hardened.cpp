@@ -24,7 +24,8 @@ constexpr uint16_t kOptClientMac = 0xFE31;
 constexpr uint8_t kJoinsNothing = 0xFF; // a do_bit that marks a query no other one joins
 
 struct waiter {
-    dp_peer_addr client;
+    dpxy_client_ep client;
+    uint8_t kind;
     uint16_t client_id;
     uint8_t case_bits[32];
     uint16_t next; // index + 1 of the next waiter of the same question; 0 at the end
@@ -98,20 +99,24 @@ bool opt_key(const dns_pkt& pkt, uint8_t* do_bit, char* mac) {
 // EDNS handling, DO bit, client-MAC option and D2D name.
 bool same_question(const dpxy_pcb& p, const dpxy_pcb& image, const dns_pkt& pkt) {
     const rrinf& qd = pkt.inf.qd;
-    // A datagram client never joins a TCP one (its answer may be longer than a datagram).
-    if (p.source != DPXY_SRC_CLIENT || (p.client.tcp != 0) != (image.client.tcp != 0) ||
-        p.expect.qlen != qd.rr_len || qd.offset != 12 || p.edns_mode != image.edns_mode ||
-        p.do_bit != image.do_bit || std::strcmp(p.mac, image.mac) != 0 ||
-        strcasecmp(p.d2d_name, image.d2d_name) != 0) {
+    // A datagram client never joins a TCP one (its answer may be longer than a datagram); a query
+    // forwarded while hardened mode was off recorded nothing to compare.
+    const dpxy_hard_rec* h = dpxy_pcb_hard(&p);
+    const dpxy_hard_rec* ih = dpxy_pcb_hard(&image);
+    if (h == nullptr || p.source != DPXY_SRC_CLIENT ||
+        (p.client.tcp != 0) != (image.client.tcp != 0) || h->expect.qlen != qd.rr_len ||
+        qd.offset != 12 || p.edns_mode != image.edns_mode || h->do_bit != ih->do_bit ||
+        std::strcmp(h->mac, ih->mac) != 0 ||
+        strcasecmp(dpxy_pcb_d2d_name(&p), dpxy_pcb_d2d_name(&image)) != 0) {
         return false;
     }
     const uint8_t* q = pkt.buf + 12;
     const size_t name_len = qd.rr_len - 4u;
     for (size_t i = 0; i < name_len; ++i) {
-        const uint8_t a = q[i], b = p.expect.question[i];
+        const uint8_t a = q[i], b = h->expect.question[i];
         if (a != b && !(is_letter(a) && (a | 0x20) == (b | 0x20))) return false;
     }
-    return std::memcmp(q + name_len, p.expect.question + name_len, 4) == 0;
+    return std::memcmp(q + name_len, h->expect.question + name_len, 4) == 0;
 }
 
 waiter* take_waiter() {
@@ -132,8 +137,9 @@ int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, uint16_t id, const 
     int ret = DPIO_ANSWER_UNKNOWN_ID;
     if (const dpxy_pcb* pcb = dpxy_find_pcb(id); pcb != nullptr) {
         // Sent before hardened mode was switched on: nothing was recorded to check against.
-        if (pcb->expect.fd < 0) return DPIO_ANSWER_OK;
-        ret = dpio_check_answer(&pcb->expect, fd, &from, msg, len);
+        const dpxy_hard_rec* hard = dpxy_pcb_hard(pcb);
+        if (hard == nullptr || hard->expect.fd < 0) return DPIO_ANSWER_OK;
+        ret = dpio_check_answer(&hard->expect, fd, &from, msg, len);
     } else if (const int probe = dpsvr_check_probe_answer(id, fd, &from, msg, len); probe >= 0) {
         ret = probe;
     } else if (const int status = dpxy_check_status_answer(id, fd, &from, msg, len); status >= 0) {
@@ -144,54 +150,65 @@ int dpxy_hard_check_answer(int fd, const dp_peer_addr& from, uint16_t id, const 
 }
 
 void dpxy_hard_note_query(dpxy_pcb& image, const dns_pkt& pkt) {
-    image.expect.fd = -1;
-    image.waiter_head = 0;
-    image.waiter_count = 0;
-    if (!opt_key(pkt, &image.do_bit, image.mac)) image.do_bit = kJoinsNothing;
+    dpxy_hard_rec* h = dpxy_pcb_hard(&image);
+    if (h == nullptr) return;
+    h->expect.fd = -1;
+    h->waiter_head = 0;
+    h->waiter_count = 0;
+    if (!opt_key(pkt, &h->do_bit, h->mac)) h->do_bit = kJoinsNothing;
 }
 
 void dpxy_hard_note_case(dpxy_pcb& image, const dns_pkt& pkt) {
-    read_case(pkt.buf, pkt.inf.qd.name_len, image.case_bits);
+    if (dpxy_hard_rec* h = dpxy_pcb_hard(&image); h != nullptr)
+        read_case(pkt.buf, pkt.inf.qd.name_len, h->case_bits);
 }
 
 int dpxy_hard_join(const dpxy_pcb& image, const dns_pkt& pkt) {
-    if (image.source != DPXY_SRC_CLIENT || image.do_bit == kJoinsNothing) return 0;
+    const dpxy_hard_rec* ih = dpxy_pcb_hard(&image);
+    if (ih == nullptr || image.source != DPXY_SRC_CLIENT || ih->do_bit == kJoinsNothing) {
+        return 0;
+    }
     dpxy_pcb* pending = dpxy_newest_pcb();
     while (pending != nullptr && !same_question(*pending, image, pkt))
         pending = pending->older;
     if (pending == nullptr) return 0;
-    waiter* w = pending->waiter_count < DPXY_WAITERS_MAX ? take_waiter() : nullptr;
+    dpxy_hard_rec& ph = *dpxy_pcb_hard(pending);
+    waiter* w = ph.waiter_count < DPXY_WAITERS_MAX ? take_waiter() : nullptr;
     if (w == nullptr) {
         stats.waiters_full++;
         return -1;
     }
-    *w = waiter{image.client, image.client_id, {}, pending->waiter_head, true};
-    std::memcpy(w->case_bits, image.case_bits, sizeof w->case_bits);
-    pending->waiter_head = static_cast<uint16_t>(w - waiters + 1);
-    pending->waiter_count++;
+    *w = waiter{image.client, image.client_kind, image.client_id, {}, ph.waiter_head, true};
+    std::memcpy(w->case_bits, ih->case_bits, sizeof w->case_bits);
+    ph.waiter_head = static_cast<uint16_t>(w - waiters + 1);
+    ph.waiter_count++;
     stats.joined++;
     return 1;
 }
 
 void dpxy_hard_answer_waiters(dpxy_pcb* pcb, uint8_t* msg, uint16_t len) {
-    if (len < 12) return;
-    for (uint16_t i = pcb->waiter_head; i != 0; i = waiters[i - 1].next) {
+    const dpxy_hard_rec* hard = dpxy_pcb_hard(pcb);
+    if (len < 12 || hard == nullptr) return;
+    for (uint16_t i = hard->waiter_head; i != 0; i = waiters[i - 1].next) {
         const waiter& w = waiters[i - 1];
         msg[0] = static_cast<uint8_t>(w.client_id >> 8);
         msg[1] = static_cast<uint8_t>(w.client_id & 0xFF);
         write_case(msg, len, w.case_bits);
-        send_packet_x(&w.client, msg, len);
+        const dp_peer_addr client = dpxy_peer_of(w.client, w.kind);
+        send_packet_x(&client, msg, len);
     }
 }
 
 void dpxy_hard_free_waiters(dpxy_pcb* pcb) {
-    for (uint16_t i = pcb->waiter_head; i != 0;) {
+    dpxy_hard_rec* hard = dpxy_pcb_hard(pcb);
+    if (hard == nullptr) return;
+    for (uint16_t i = hard->waiter_head; i != 0;) {
         waiter& w = waiters[i - 1];
         i = w.next;
         w = waiter{};
     }
-    pcb->waiter_head = 0;
-    pcb->waiter_count = 0;
+    hard->waiter_head = 0;
+    hard->waiter_count = 0;
 }
 
 const dpxy_security_stats& dpxy_hard_stats() {

@@ -71,8 +71,9 @@ int respond_to_requester(dpxy_pcb* pcb, answer& a) {
     if (pcb->source == DPXY_SRC_LOCAL) {
         dpio_send_csmsg_query_response(aaaa, a.inf.name, result, ttl, ipstrs);
     } else {
-        dpio_send_query_response_to_module(pcb->module_tag, pcb->module_seq, aaaa, a.inf.name,
-                                           result, ttl, ipstrs);
+        dpio_send_query_response_to_module(pcb->ext != nullptr ? pcb->ext->module_tag : "",
+                                           pcb->ext != nullptr ? pcb->ext->module_seq : 0, aaaa,
+                                           a.inf.name, result, ttl, ipstrs);
     }
     dp_metrics.answers[DP_ANS_UPSTREAM]++;
     remove_proxy_ctrlblk(pcb);
@@ -86,17 +87,16 @@ void restore_d2d(answer& a, const char* name) {
 int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
     DPMAIN_TRACE(DP_DETAIL, "client_id=0x%x server_id=0x%x query=%u rsp=%u ancnt=%u d2d=%s\n",
                  pcb->client_id, pcb->server_id, pcb->query_count, pcb->response_count,
-                 a.inf.ancount, pcb->d2d_name);
-    bool to_restore = pcb->d2d_name[0] != '\0';
+                 a.inf.ancount, dpxy_pcb_d2d_name(pcb));
+    const char* d2d_name = dpxy_pcb_d2d_name(pcb);
+    bool to_restore = d2d_name[0] != '\0';
     // An empty answer while other servers may still answer better is held, not relayed; one too
-    // long for the pcb (a TCP answer) is relayed at once.
+    // long for the pcb (a TCP answer), or one no storage could be had for, is relayed at once.
     if (a.inf.ancount == 0 && pcb->response_count + 1 < pcb->query_count) {
-        if (to_restore) restore_d2d(a, pcb->d2d_name);
+        if (to_restore) restore_d2d(a, d2d_name);
         to_restore = false;
-        if (a.len <= sizeof pcb->pkt) {
+        if (dpxy_pcb_store(pcb, a.buf, a.len)) {
             pcb->response_count++;
-            pcb->pkt_len = a.len;
-            std::memcpy(pcb->pkt, a.buf, a.len);
             return -2;
         }
     }
@@ -104,12 +104,13 @@ int handle_response_to_sock(dpxy_pcb* pcb, answer& a) {
         dpcache_add_dync_cache(a.inf.qtype, a.inf.name, a.inf.hostaddr,
                                static_cast<uint32_t>(a.inf.ttl));
     }
-    if (to_restore) restore_d2d(a, pcb->d2d_name);
+    if (to_restore) restore_d2d(a, d2d_name);
     a.buf[0] = static_cast<uint8_t>(pcb->client_id >> 8);
     a.buf[1] = static_cast<uint8_t>(pcb->client_id & 0xFF);
-    send_packet_x(&pcb->client, a.buf, a.len);
+    const dp_peer_addr client = dpxy_pcb_client(pcb);
+    send_packet_x(&client, a.buf, a.len);
     dp_metrics.answers[DP_ANS_UPSTREAM]++;
-    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, a.buf, a.len);
+    if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, a.buf, a.len);
     remove_proxy_ctrlblk(pcb);
     if (dpcfg_is_renew_server_socket_enabled() != 0) dpxy_reset_timed_out_count();
     return 0;
@@ -217,9 +218,10 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
     tc[3] = msg[3];
     tc[5] = 1;
     size_t n = DPENDEC_HEADER_SIZE;
-    if (pcb->d2d_name[0] != '\0') { // the name the client asked, with the answer's TYPE and CLASS
+    if (const char* d2d = dpxy_pcb_d2d_name(pcb); d2d[0] != '\0') {
+        // the name the client asked, with the answer's TYPE and CLASS
         uint8_t wire[DPENDEC_NAME_SIZE];
-        const int wlen = compose_dname(pcb->d2d_name, wire);
+        const int wlen = compose_dname(d2d, wire);
         if (wlen <= 0) return;
         std::memcpy(tc + n, wire, static_cast<size_t>(wlen));
         n += static_cast<size_t>(wlen);
@@ -229,10 +231,11 @@ void answer_truncated(int fd, const dp_peer_addr& from, const uint8_t* msg, size
         std::memcpy(tc + n, msg + DPENDEC_HEADER_SIZE, qlen);
         n += qlen;
     }
-    send_packet_x(&pcb->client, tc, static_cast<uint16_t>(n));
+    const dp_peer_addr client = dpxy_pcb_client(pcb);
+    send_packet_x(&client, tc, static_cast<uint16_t>(n));
     dp_metrics_answer(&pcb->metrics, from.addr, msg[3] & DPENDEC_RCODE_MASK);
     dp_metrics.answers[DP_ANS_UPSTREAM]++;
-    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, tc, static_cast<uint16_t>(n));
+    if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, tc, static_cast<uint16_t>(n));
     dpio_tcp_counters().truncated++;
     remove_proxy_ctrlblk(pcb);
 }
@@ -271,27 +274,23 @@ void tcp_connect_failed(const uint8_t*) {
     dpsvr_check_dns_server_set_status();
 }
 
-} // namespace
+// ---- datagrams ---------------------------------------------------------------------------------
 
-int dpxy_handle_client_packet(int fd) {
-    static uint8_t buf[DPXY_MAX_PACKET];
-    dp_peer_addr from;
-    uint16_t len = 0;
-    const int ret = dpio_read_packet(fd, &from, buf, sizeof buf, &len);
-    if (ret == 0) return DPXY_DRAINED;
+// The upstream datagram being worked on: read into it, or copied from a batch.
+dns_pkt server_pkt;
+
+// A client datagram as the read handed it out (ret its result).
+int client_datagram(int ret, const dp_peer_addr& from, const uint8_t* msg, uint16_t len) {
     if (ret < 0) return ret;
     dp_stats.client_packet_recv++;
-    return handle_dns_query(DPXY_SRC_CLIENT, "", 0, &from, buf, len);
+    return handle_dns_query(DPXY_SRC_CLIENT, "", 0, &from, msg, len);
 }
 
-int dpxy_handle_server_packet(int fd) {
-    static dns_pkt pkt;
-    dp_peer_addr from;
-    // 1. 2. read and count
-    int ret = dpio_read_packet(fd, &from, pkt.buf, sizeof pkt.buf, &pkt.len);
-    if (ret == 0) return DPXY_DRAINED;
+// The upstream datagram in server_pkt as the read handed it out (ret its result).
+int server_datagram(int fd, int ret, const dp_peer_addr& from) {
+    dns_pkt& pkt = server_pkt;
     if (ret < 0) {
-        DPMAIN_TRACE(DP_WARN, "recv server pkt err ret=%d\n", ret);
+        DPMAIN_TRACE_AS("dpxy_handle_server_packet", DP_WARN, "recv server pkt err ret=%d\n", ret);
         if (ret == -5 && dpio_tcp_listening()) answer_truncated(fd, from, pkt.buf, pkt.len);
         return ret;
     }
@@ -300,8 +299,29 @@ int dpxy_handle_server_packet(int fd) {
     answer a{pkt.buf, pkt.len, sizeof pkt.buf, pkt.inf, scratch};
     ret = handle_dns_response(fd, from, a);
     pkt.len = a.len;
-    DPMAIN_TRACE(DP_DETAIL, "pktlen=%u ret=%d\n", static_cast<unsigned>(pkt.len), ret);
+    DPMAIN_TRACE_AS("dpxy_handle_server_packet", DP_DETAIL, "pktlen=%u ret=%d\n",
+                    static_cast<unsigned>(pkt.len), ret);
     return ret;
+}
+
+} // namespace
+
+int dpxy_handle_client_packet(int fd) {
+    static uint8_t buf[DPXY_MAX_PACKET];
+    dp_peer_addr from;
+    uint16_t len = 0;
+    const int ret = dpio_read_packet(fd, &from, buf, sizeof buf, &len);
+    if (ret == 0) return DPXY_DRAINED;
+    return client_datagram(ret, from, buf, len);
+}
+
+int dpxy_handle_server_packet(int fd) {
+    dp_peer_addr from;
+    // 1. 2. read and count
+    const int ret =
+        dpio_read_packet(fd, &from, server_pkt.buf, sizeof server_pkt.buf, &server_pkt.len);
+    if (ret == 0) return DPXY_DRAINED;
+    return server_datagram(fd, ret, from);
 }
 
 void dpxy_tcp_start() {
@@ -311,11 +331,34 @@ void dpxy_tcp_start() {
 
 int dpxy_dispatch_socket(struct pollfd* entry) {
     if (entry->revents == 0) return 0;
-    for (int i = 0; i < kMaxDatagramsPerWakeUp; ++i) {
-        int ret = DPXY_DRAINED;
-        if (dpio_is_server_fd(entry->fd)) ret = dpxy_handle_server_packet(entry->fd);
-        if (entry->fd == dpio_get_client_fd()) ret = dpxy_handle_client_packet(entry->fd);
-        if (ret == DPXY_DRAINED) break;
+    const bool server = dpio_is_server_fd(entry->fd);
+    const bool client = entry->fd == dpio_get_client_fd();
+    if (!server && !client) return 0;
+    dpio_begin_answers();
+    for (int done = 0; done < kMaxDatagramsPerWakeUp;) {
+        const int want = std::min(DPIO_BATCH, kMaxDatagramsPerWakeUp - done);
+        const int n = dpio_read_batch(entry->fd, want, DPXY_MAX_PACKET);
+        if (n == 0) break; // drained
+        if (n < 0) {       // a failed read counts as one datagram of the wake-up
+            if (server) server_datagram(entry->fd, n, dp_peer_addr{});
+            ++done;
+            continue;
+        }
+        for (int i = 0; i < n; ++i) {
+            dp_peer_addr from;
+            const uint8_t* msg = nullptr;
+            uint16_t len = 0;
+            const int ret = dpio_batch_packet(i, &from, &msg, &len);
+            if (server) {
+                server_pkt.len = len;
+                std::memcpy(server_pkt.buf, msg, len);
+                server_datagram(entry->fd, ret, from);
+            }
+            if (client) client_datagram(ret, from, msg, len);
+        }
+        done += n;
+        if (n < want) break; // what arrives meanwhile wakes the loop again
     }
+    dpio_end_answers();
     return 0;
 }

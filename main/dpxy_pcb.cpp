@@ -1,5 +1,6 @@
 #include "main/dpxy_pcb.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -30,38 +31,151 @@ struct pcb_list {
 
 pcb_list pcbs;
 
-// The pcbs' memory: slabs of kSlabPcbs allocated as the table first grows and kept, so that in
-// steady state a query costs no allocation; a removed pcb waits on the free list for the next.
-// The table's bound caps the slabs at ceil(1036 / kSlabPcbs).
-constexpr uint32_t kSlabPcbs = 32;
-constexpr uint32_t kMaxSlabs = (DPXY_PCB_BOUND + kSlabPcbs - 1) / kSlabPcbs;
+// The pcbs' memory: blocks of size classes, each pcb in one only as large as the record and its
+// packet need, and what only some pcbs carry (a held answer too long for the pcb's own block,
+// the rare fields, their names, the hardened-mode record) in blocks of their own. Blocks are cut
+// from slabs that are allocated as a class first runs dry and kept, so that in steady state a
+// query costs no allocation; a freed block waits on its class's free list for the next, and a
+// slab is handed out from its start as needed, so that pages nobody used stay untouched. The
+// table's bound caps what the slabs can grow to.
+constexpr uint32_t kClassSizes[] = {32,  48,  64,  80,  96,   104,  112,  120,  128,
+                                    136, 144, 152, 160, 176,  192,  224,  256,  320,
+                                    384, 512, 640, 768, 1024, 1280, 1536, 2048, 2304};
+constexpr int kClasses = sizeof kClassSizes / sizeof kClassSizes[0];
+constexpr uint32_t kLargest = kClassSizes[kClasses - 1];
+constexpr uint32_t kSlabBytes = 16 * 1024;
+constexpr size_t kModuleTagMax = 31; // what a 32-byte field formatted with "%s" keeps
+static_assert(sizeof(dpxy_pcb) + DPXY_MAX_PACKET <= kLargest, "a pcb with a whole packet fits");
+static_assert(sizeof(dpxy_hard_rec) <= kLargest, "a hardened-mode record fits a block");
 
-struct pcb_pool {
-    dpxy_pcb* free = nullptr; // linked through hash_next
-    dpxy_pcb* slabs[kMaxSlabs] = {};
-    uint32_t nslabs = 0;
+struct free_item {
+    free_item* next;
 };
 
-pcb_pool pool;
+// The head of a slab, its blocks right behind it: linked to the previous slab of its class, so
+// that every slab stays reachable.
+struct alignas(std::max_align_t) slab_head {
+    slab_head* next;
+};
 
-dpxy_pcb* take_pcb() {
-    if (pool.free == nullptr && pool.nslabs < kMaxSlabs) {
-        auto* slab = static_cast<dpxy_pcb*>(std::malloc(sizeof(dpxy_pcb) * kSlabPcbs));
-        if (slab == nullptr) return nullptr;
-        pool.slabs[pool.nslabs++] = slab;
-        for (uint32_t i = 0; i < kSlabPcbs; ++i) {
-            slab[i].hash_next = pool.free;
-            pool.free = &slab[i];
-        }
-    }
-    dpxy_pcb* pcb = pool.free;
-    if (pcb != nullptr) pool.free = pcb->hash_next;
-    return pcb;
+unsigned char* blocks_of(slab_head* slab) {
+    return reinterpret_cast<unsigned char*>(slab + 1);
 }
 
-void give_back(dpxy_pcb* pcb) {
-    pcb->hash_next = pool.free;
-    pool.free = pcb;
+struct block_class {
+    free_item* free = nullptr;
+    slab_head* slabs = nullptr;
+    uint32_t carved = 0; // blocks of the newest slab handed out so far
+};
+
+block_class classes[kClasses];
+
+uint32_t per_slab(int c) {
+    return std::max<uint32_t>(1, kSlabBytes / kClassSizes[c]);
+}
+
+// The smallest class whose blocks hold len bytes (len at most kLargest).
+constexpr int class_of(uint32_t len) {
+    int c = 0;
+    while (c < kClasses - 1 && kClassSizes[c] < len)
+        ++c;
+    return c;
+}
+
+void* take_block(int c) {
+    block_class& k = classes[c];
+    if (k.free != nullptr) {
+        free_item* item = k.free;
+        k.free = item->next;
+        return item;
+    }
+    if (k.slabs == nullptr || k.carved == per_slab(c)) {
+        auto* slab = static_cast<slab_head*>(
+            std::malloc(sizeof(slab_head) + size_t{kClassSizes[c]} * per_slab(c)));
+        if (slab == nullptr) return nullptr;
+        slab->next = k.slabs;
+        k.slabs = slab;
+        k.carved = 0;
+    }
+    return blocks_of(k.slabs) + size_t{kClassSizes[c]} * k.carved++;
+}
+
+void give_block(int c, void* p) {
+    if (p == nullptr) return;
+    auto* item = static_cast<free_item*>(p);
+    item->next = classes[c].free;
+    classes[c].free = item;
+}
+
+uint8_t* inline_packet(dpxy_pcb* pcb) {
+    return reinterpret_cast<uint8_t*>(pcb + 1);
+}
+
+uint32_t inline_room(const dpxy_pcb* pcb) {
+    return kClassSizes[pcb->block_class] - sizeof(dpxy_pcb);
+}
+
+// A packet of the pcb's in a block of its own: its class follows from its length.
+void drop_outside_packet(dpxy_pcb* pcb) {
+    if (pcb->pkt != inline_packet(pcb)) give_block(class_of(pcb->pkt_len), pcb->pkt);
+    pcb->pkt = inline_packet(pcb);
+}
+
+// A text of at most max characters in a block of its own; "" takes none. Null when no block
+// could be had.
+const char* keep_text(const char* text, size_t max) {
+    const size_t n = text == nullptr ? 0 : strnlen(text, max);
+    if (n == 0) return "";
+    auto* copy = static_cast<char*>(take_block(class_of(static_cast<uint32_t>(n + 1))));
+    if (copy == nullptr) return nullptr;
+    std::memcpy(copy, text, n);
+    copy[n] = '\0';
+    return copy;
+}
+
+void drop_text(const char* text) {
+    if (text != nullptr && text[0] != '\0')
+        give_block(class_of(static_cast<uint32_t>(std::strlen(text) + 1)), const_cast<char*>(text));
+}
+
+void drop_ext(dpxy_pcb_ext* ext) {
+    if (ext == nullptr) return;
+    drop_text(ext->d2d_name);
+    drop_text(ext->module_tag);
+    give_block(class_of(sizeof(dpxy_hard_rec)), ext->hard);
+    give_block(class_of(sizeof(dpxy_pcb_ext)), ext);
+}
+
+bool carries_nothing(const dpxy_pcb_ext* ext) {
+    return ext == nullptr ||
+           ((ext->d2d_name == nullptr || ext->d2d_name[0] == '\0') &&
+            (ext->module_tag == nullptr || ext->module_tag[0] == '\0') && ext->module_seq == 0 &&
+            ext->vendor_opt == nullptr && ext->hard == nullptr);
+}
+
+// A copy of what the image's rare record names, in blocks of the pcb's own; false (nothing kept)
+// when a block could not be had.
+bool keep_ext(dpxy_pcb* pcb, const dpxy_pcb_ext* from) {
+    pcb->ext = nullptr;
+    if (carries_nothing(from)) return true;
+    auto* ext = static_cast<dpxy_pcb_ext*>(take_block(class_of(sizeof(dpxy_pcb_ext))));
+    if (ext == nullptr) return false;
+    *ext = {"", "", from->module_seq, from->vendor_opt, nullptr};
+    pcb->ext = ext;
+    const char* d2d = keep_text(from->d2d_name, DPENDEC_NAME_SIZE - 1);
+    const char* tag = keep_text(from->module_tag, kModuleTagMax);
+    ext->d2d_name = d2d != nullptr ? d2d : "";
+    ext->module_tag = tag != nullptr ? tag : "";
+    if (from->hard != nullptr) {
+        ext->hard = static_cast<dpxy_hard_rec*>(take_block(class_of(sizeof(dpxy_hard_rec))));
+        if (ext->hard != nullptr) *ext->hard = *from->hard;
+    }
+    if (d2d != nullptr && tag != nullptr && (from->hard == nullptr || ext->hard != nullptr))
+        return true;
+    ext->vendor_opt = nullptr; // still the image's
+    drop_ext(ext);
+    pcb->ext = nullptr;
+    return false;
 }
 
 dpxy_pcb** bucket_of(uint16_t server_id) {
@@ -112,8 +226,9 @@ void fix_edns_of_copy(const dpxy_pcb* pcb) {
 
 void send_held_answer(dpxy_pcb* pcb) {
     if (dpcfg_is_edns_enabled() != 0 && pcb->edns_mode != DPXY_EDNS_NONE) fix_edns_of_copy(pcb);
-    send_packet_x(&pcb->client, pcb->pkt, pcb->pkt_len);
-    if (pcb->waiter_head != 0) dpxy_hard_answer_waiters(pcb, pcb->pkt, pcb->pkt_len);
+    const dp_peer_addr peer = dpxy_pcb_client(pcb);
+    send_packet_x(&peer, pcb->pkt, pcb->pkt_len);
+    if (dpxy_has_waiters(pcb)) dpxy_hard_answer_waiters(pcb, pcb->pkt, pcb->pkt_len);
 }
 
 } // namespace
@@ -126,15 +241,40 @@ int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result) {
         same->response_count = image->response_count;
         return 0;
     }
-    dpxy_pcb* pcb = take_pcb();
+    const uint16_t len = std::min<uint16_t>(image->pkt_len, DPXY_MAX_PACKET);
+    const int c = class_of(sizeof(dpxy_pcb) + len);
+    auto* pcb = static_cast<dpxy_pcb*>(take_block(c));
     if (pcb == nullptr) return -1; // the answer will find no pcb and be dropped
+    *pcb = *image;
+    pcb->block_class = static_cast<uint8_t>(c);
+    pcb->pkt_len = len;
+    pcb->pkt = inline_packet(pcb);
+    if (len != 0) std::memcpy(pcb->pkt, image->pkt, len);
+    if (!keep_ext(pcb, image->ext)) {
+        give_block(c, pcb);
+        return -1;
+    }
     DPMAIN_TRACE(DP_DETAIL, "pcb=%p\n", static_cast<void*>(pcb));
-    // The packet area is copied only as far as the packet goes.
-    std::memcpy(pcb, image, offsetof(dpxy_pcb, pkt) + image->pkt_len);
-    std::memcpy(pcb->d2d_name, image->d2d_name, sizeof(dpxy_pcb) - offsetof(dpxy_pcb, d2d_name));
     pcb->expiry = dputl_get_current_time() + DPXY_PCB_LIFETIME;
     link_newest(pcb);
     return 0;
+}
+
+bool dpxy_pcb_store(dpxy_pcb* pcb, const uint8_t* msg, uint16_t len) {
+    if (len > DPXY_MAX_PACKET) return false;
+    uint8_t* dst = inline_packet(pcb);
+    if (len > inline_room(pcb)) {
+        const bool outside = pcb->pkt != inline_packet(pcb);
+        dst = outside && class_of(pcb->pkt_len) == class_of(len)
+                  ? pcb->pkt
+                  : static_cast<uint8_t*>(take_block(class_of(len)));
+        if (dst == nullptr) return false;
+    }
+    std::memmove(dst, msg, len);
+    if (dst != pcb->pkt) drop_outside_packet(pcb);
+    pcb->pkt = dst;
+    pcb->pkt_len = len;
+    return true;
 }
 
 void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
@@ -150,9 +290,11 @@ void remove_proxy_ctrlblk(dpxy_pcb* pcb) {
     else
         pcbs.oldest = pcb->newer;
     if (pcbs.count > 0) pcbs.count--;
-    if (pcb->waiter_head != 0) dpxy_hard_free_waiters(pcb);
-    std::free(pcb->vendor_opt);
-    give_back(pcb);
+    if (dpxy_has_waiters(pcb)) dpxy_hard_free_waiters(pcb);
+    if (pcb->ext != nullptr) std::free(pcb->ext->vendor_opt);
+    drop_ext(pcb->ext);
+    drop_outside_packet(pcb);
+    give_block(pcb->block_class, pcb);
 }
 
 dpxy_pcb* dpxy_find_pcb(uint16_t server_id) {

@@ -2,7 +2,10 @@
 // expires. A doubly linked list in creation order, with an index by server_id beside it.
 #pragma once
 
+#include <arpa/inet.h>
+
 #include <cstdint>
+#include <cstring>
 
 #include "ctrl/dp_metrics.h"
 #include "io/dpio.h"
@@ -27,34 +30,90 @@ enum dpxy_edns_mode : int32_t {
     DPXY_EDNS_VENDOR_STRIP = 3,   // DNS filter: strip the client-MAC option
 };
 
-struct dpxy_pcb {
-    dpxy_pcb* newer;
-    dpxy_pcb* older;
-    dp_peer_addr client;
-    uint16_t pkt_len;
-    uint8_t pkt[DPXY_MAX_PACKET]; // the query as sent; later the best empty answer held
-    char d2d_name[256];           // the name the client asked, when a D2D rewrite was made; else ""
-    uint16_t client_id;
-    char module_tag[32];
-    int32_t module_seq;
-    int32_t edns_mode;
-    int16_t source;
-    uint16_t server_id;
-    uint8_t query_count;
-    uint8_t response_count;
-    uint32_t expiry;
-    void* vendor_opt;    // heap buffer of the DNS filter's vendor options, owned by the pcb
-    dpxy_pcb* hash_next; // chain of the server_id index
-    // Hardened mode: where the query went and what it asked, what makes a later identical
-    // question join it (the DO bit and the client-MAC option it carried), and those waiting.
+// Hardened mode's part of a pcb: where the query went and what it asked, what makes a later
+// identical question join it (the DO bit and the client-MAC option it carried), and those
+// waiting. A pcb has one only while hardened mode was on when its query was forwarded.
+struct dpxy_hard_rec {
     dpio_expect expect;
     uint8_t do_bit;
     char mac[18];
     uint8_t case_bits[32]; // which letters of the client's question name were upper case
     uint16_t waiter_head;  // first waiter, as its index + 1 in the waiter pool; 0 none
     uint8_t waiter_count;
-    dp_metrics_query metrics; // when and where it went, who answered
 };
+
+// Where an answer goes, as a pcb keeps it: the socket address as received and the TCP
+// connection (0 for a datagram); the 16-byte address and the port are those of the socket
+// address, and the kind is kept beside it in the pcb.
+struct dpxy_client_ep {
+    sockaddr_in6 sa;
+    uint32_t tcp;
+};
+
+inline dpxy_client_ep dpxy_client_ep_of(const dp_peer_addr& peer) {
+    return {peer.sa, peer.tcp};
+}
+
+// The peer record a send takes, rebuilt from what the pcb kept.
+inline dp_peer_addr dpxy_peer_of(const dpxy_client_ep& ep, uint32_t kind) {
+    dp_peer_addr peer{};
+    peer.kind = kind;
+    std::memcpy(peer.addr, &ep.sa.sin6_addr, 16);
+    peer.port = ntohs(ep.sa.sin6_port);
+    peer.sa = ep.sa;
+    peer.tcp = ep.tcp;
+    return peer;
+}
+
+// What only some pcbs carry: a D2D name, a module's tag and sequence, the DNS filter's vendor
+// options, the hardened-mode record. A pcb without any has none of this record.
+struct dpxy_pcb_ext {
+    const char* d2d_name;   // the name the client asked when a D2D rewrite was made, else ""
+    const char* module_tag; // the requester's tag for a module's query, else ""
+    int32_t module_seq;
+    void* vendor_opt;    // heap buffer of the DNS filter's vendor options, owned by the pcb
+    dpxy_hard_rec* hard; // hardened mode, else null
+};
+
+// A pcb and the packet it holds share one block of the pcb store, the packet right behind the
+// record, the block only as large as both need; a held answer too long for the block goes into a
+// block of its own (up to DPXY_MAX_PACKET bytes). In the image that query handling builds on the
+// stack, pkt and ext name the query's own storage; add_proxy_ctrlblk copies what they point at.
+struct dpxy_pcb {
+    dpxy_pcb* newer;
+    dpxy_pcb* older;
+    dpxy_client_ep client;
+    uint8_t* pkt;        // the query as sent; later the best empty answer held
+    dpxy_pcb* hash_next; // chain of the server_id index
+    dpxy_pcb_ext* ext;   // null when the pcb carries none of it
+    uint32_t expiry;
+    dp_metrics_query metrics; // when and where it went, who answered
+    uint16_t pkt_len;
+    uint16_t client_id;
+    uint16_t server_id;
+    int8_t source;       // a dpxy_source
+    uint8_t client_kind; // of the client endpoint: 1 IPv4, 2 IPv6
+    int8_t edns_mode;    // a dpxy_edns_mode
+    uint8_t query_count;
+    uint8_t response_count;
+    uint8_t block_class; // of the block the pcb lives in
+};
+
+inline dp_peer_addr dpxy_pcb_client(const dpxy_pcb* pcb) {
+    return dpxy_peer_of(pcb->client, pcb->client_kind);
+}
+
+inline const char* dpxy_pcb_d2d_name(const dpxy_pcb* pcb) {
+    return pcb->ext != nullptr ? pcb->ext->d2d_name : "";
+}
+inline dpxy_hard_rec* dpxy_pcb_hard(const dpxy_pcb* pcb) {
+    return pcb->ext != nullptr ? pcb->ext->hard : nullptr;
+}
+
+inline bool dpxy_has_waiters(const dpxy_pcb* pcb) {
+    const dpxy_hard_rec* hard = dpxy_pcb_hard(pcb);
+    return hard != nullptr && hard->waiter_head != 0;
+}
 
 // Hardened mode: a later client of a pending question, answered with its answer.
 inline constexpr int DPXY_WAITERS_MAX = 16;  // per question; a query beyond is dropped
@@ -63,6 +122,9 @@ inline constexpr int DPXY_WAITER_POOL = 512; // in all
 // Records a forwarded query from its image (only when forward_result is 0). A pcb with the same
 // server_id takes the new counts instead. 0, or -1 when nothing was recorded.
 int add_proxy_ctrlblk(const dpxy_pcb* image, int forward_result);
+// Puts len bytes (at most DPXY_MAX_PACKET) in place of the pcb's packet: true, or false when no
+// storage could be had (the packet is then left as it was).
+bool dpxy_pcb_store(dpxy_pcb* pcb, const uint8_t* msg, uint16_t len);
 // Unlinks and frees a pcb; null is ignored.
 void remove_proxy_ctrlblk(dpxy_pcb* pcb);
 // The pcb waiting for an answer with this id, or null.

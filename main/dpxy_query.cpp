@@ -42,6 +42,8 @@ uint32_t force_url_count = 10;
 struct query_ctx {
     dns_pkt& pkt;
     dpxy_pcb& pcb;
+    dpxy_pcb_ext& ext; // the image's rare fields
+    const dp_peer_addr& client;
     uint32_t source = DP_ANS_FORMAT_ERROR; // who answers, should an answer go out now
     bool answered = false;
 };
@@ -61,7 +63,7 @@ void count_answer(query_ctx& q) {
 }
 
 void send_to_client(query_ctx& q) {
-    send_packet_x(&q.pcb.client, q.pkt.buf, q.pkt.len);
+    send_packet_x(&q.client, q.pkt.buf, q.pkt.len);
     count_answer(q);
 }
 
@@ -224,7 +226,7 @@ void answer_by_source(query_ctx& q, const char* value) {
         count_answer(q);
         break;
     case DPXY_SRC_MODULE:
-        dpio_send_query_response_to_module(q.pcb.module_tag, q.pcb.module_seq, aaaa, q.pkt.inf.name,
+        dpio_send_query_response_to_module(q.ext.module_tag, q.ext.module_seq, aaaa, q.pkt.inf.name,
                                            0, kLocalTtl, value);
         count_answer(q);
         break;
@@ -432,14 +434,15 @@ int forward_query_to_servers(query_ctx& q) {
     if (execute_reject_ptr_local_ip(q) < 0) return kDropped;
     // 3. 4. classify and send
     dpsvr_select_request req{};
-    req.type = q.pcb.client.kind;
-    std::memcpy(req.addr, q.pcb.client.addr, sizeof req.addr);
+    req.type = q.client.kind;
+    std::memcpy(req.addr, q.client.addr, sizeof req.addr);
     dputl_copy_text(req.name, sizeof req.name, q.pkt.inf.name);
     DPMAIN_TRACE(DP_DETAIL, "isDslite=%u type=%d\n", dpcfg_is_dslite_enabled(),
                  static_cast<int>(req.type));
     int sentnum = 0;
     // A TCP client's query goes to the servers over TCP: its answer may be long.
-    dpio_begin_sends(&q.pcb.expect, q.pcb.client.tcp != 0);
+    dpio_expect unrecorded; // hardened mode off: nothing is recorded
+    dpio_begin_sends(q.ext.hard != nullptr ? &q.ext.hard->expect : &unrecorded, q.client.tcp != 0);
     dp_metrics_begin_query(&q.pcb.metrics);
     const int sent_ret = send_by_family(q, req, &sentnum);
     dp_metrics_end_query();
@@ -465,8 +468,8 @@ int forward_query_to_servers(query_ctx& q) {
     }
     // 7. 8. remember it
     q.pcb.pkt_len = q.pkt.len;
-    std::memcpy(q.pcb.pkt, q.pkt.buf, q.pkt.len);
-    dputl_copy_text(q.pcb.d2d_name, sizeof q.pcb.d2d_name, q.pkt.inf.d2d);
+    q.pcb.pkt = q.pkt.buf;
+    q.ext.d2d_name = q.pkt.inf.d2d;
     add_proxy_ctrlblk(&q.pcb, result);
     DPMAIN_TRACE(DP_DETAIL, "transid=0x%x ret=0x%x\n", q.pcb.server_id,
                  static_cast<unsigned>(result));
@@ -478,24 +481,29 @@ int forward_query_to_servers(query_ctx& q) {
 int handle_dns_query(int16_t source, const char* module_tag, int32_t module_seq,
                      const dp_peer_addr* client, const uint8_t* packet, uint16_t len) {
     static dns_pkt pkt;
-    dpxy_pcb image;
-    // 1. the pcb image: who asked and what. Its packet area is filled when the query is
-    // forwarded, from the packet as it then stands; zeroing those 2 KiB per query buys nothing.
-    std::memset(&image, 0, offsetof(dpxy_pcb, pkt));
-    std::memset(image.d2d_name, 0, offsetof(dpxy_pcb, expect) - offsetof(dpxy_pcb, d2d_name));
-    std::memset(&image.do_bit, 0, sizeof image - offsetof(dpxy_pcb, do_bit)); // expect: at sending
+    // 1. the pcb image: who asked and what. It names the working packet; what it holds is copied
+    // into storage of the pcb's own when the query is forwarded.
+    dpxy_pcb image{};
+    dpxy_hard_rec hard;
+    dpxy_pcb_ext ext{"", module_tag, module_seq, nullptr, nullptr};
+    if (dpcfg_is_hardened_mode_enabled() != 0) {
+        std::memset(&hard.do_bit, 0,
+                    sizeof hard - offsetof(dpxy_hard_rec, do_bit)); // expect: at sending
+        ext.hard = &hard;
+    }
+    image.ext = &ext;
     const uint16_t copy_len = std::min<uint16_t>(len, DPXY_MAX_PACKET);
-    image.client = *client;
+    image.client = dpxy_client_ep_of(*client);
+    image.client_kind = static_cast<uint8_t>(client->kind);
     image.pkt_len = copy_len;
+    image.pkt = pkt.buf;
     image.client_id = copy_len >= 2 ? static_cast<uint16_t>(packet[0] << 8 | packet[1]) : 0;
-    image.source = source;
-    dputl_copy_text(image.module_tag, sizeof image.module_tag, module_tag);
-    image.module_seq = module_seq;
+    image.source = static_cast<int8_t>(source);
     image.edns_mode = DPXY_EDNS_NONE;
     pkt.len = copy_len;
     std::memcpy(pkt.buf, packet, copy_len);
     std::memset(&pkt.inf, 0, sizeof pkt.inf);
-    query_ctx q{pkt, image};
+    query_ctx q{pkt, image, ext, *client};
 
     // 2. table bound, before anything else
     if (dpxy_pcb_count() > DPXY_PCB_BOUND - 1) {

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -245,6 +246,10 @@ int dpxy_tick() {
     const uint32_t now = dputl_get_current_time();
     if (static_cast<int32_t>(next_tick_time - now) > 0) return 0;
     next_tick_time = now + 1;
+    // Start-up reads files and sets up the bus in memory it frees again: given back once, so that
+    // the daemon at rest keeps only what it uses.
+    static bool trimmed = false;
+    if (!trimmed) trimmed = malloc_trim(0) >= 0;
     handle_expired_query();
     renew_server_socket_if_stale();
     dpio_pool_tick(now);

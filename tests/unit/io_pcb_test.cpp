@@ -38,41 +38,67 @@ class Sockets : public ::testing::Test {
     TempRoot root;
 };
 
-TEST_F(Sockets, ReadLimitsPeerKindsAndTraces) {
-    dpcfg_init();
-    create_client_socket();
-    ASSERT_GE(dpio_get_client_fd(), 0);
-    const int lens[] = {12, 11, 1024, 1025, 1500}, rets[] = {1, -3, 1, -5, -5};
-    // From 127.0.0.7 to the client socket on port 53.
+// The datagrams from 127.0.0.7 read one at a time or in one batch: what each read hands out
+// (result, length, peer, bytes), its trace lines, the counters and the last-packet dump, as one
+// text.
+std::string read_all(bool batch) {
+    const int lens[] = {12, 11, 1024, 1025, 1500};
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{AF_INET, 0, {htonl(0x7F000007)}, {}};
+    sockaddr_in sa{AF_INET, htons(45053), {htonl(0x7F000007)}, {}};
     bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
     sa.sin_port = htons(53);
     for (int len : lens)
-        sendto(fd, std::string(len, '\xAB').data(), len, 0, reinterpret_cast<sockaddr*>(&sa),
-               sizeof sa);
+        sendto(fd, std::string(len, static_cast<char>(0xA0 + len % 16)).data(), len, 0,
+               reinterpret_cast<sockaddr*>(&sa), sizeof sa);
     close(fd);
+    dp_stats = {};
+    StderrCapture err;
+    std::string out;
+    const int sock = dpio_get_client_fd();
+    const int n = batch ? dpio_read_batch(sock, DPIO_BATCH, DPXY_MAX_PACKET) : 5;
+    for (int i = 0; i < n; ++i) {
+        uint8_t buf[2048];
+        const uint8_t* msg = buf;
+        dp_peer_addr peer{};
+        uint16_t len = 0;
+        const int ret = batch ? dpio_batch_packet(i, &peer, &msg, &len)
+                              : dpio_read_packet(sock, &peer, buf, sizeof buf, &len);
+        char addr[INET6_ADDRSTRLEN];
+        inet_ntop(AF_INET6, peer.addr, addr, sizeof addr);
+        out += std::to_string(ret) + " " + std::to_string(len) + " " + addr + " " +
+               std::to_string(peer.kind) + " " +
+               std::to_string(peer.port == ntohs(peer.sa.sin6_port)) + " " +
+               std::string(msg, msg + std::min<uint16_t>(len, 1025)) + "\n";
+    }
+    dpio_dump_info();
+    return out + without_lines(err.text()) + std::to_string(dp_stats.packet_len_too_short) + " " +
+           std::to_string(dp_stats.packet_len_too_long);
+}
+
+TEST_F(Sockets, ReadLimitsPeerKindsAndTracesTheSameOneByOneAndInABatch) {
+    dpcfg_init();
+    create_client_socket();
+    ASSERT_GE(dpio_get_client_fd(), 0);
     define_debug_level("io", "pkt");
     define_debug_level("io", "io");
-    StderrCapture err;
+    const std::string single = read_all(false);
+    EXPECT_EQ(read_all(true), single);
+    EXPECT_NE(single.find("1 12 ::ffff:127.0.0.7 1 1 " + std::string(12, '\xAC') + "\n-3 11 "),
+              std::string::npos);
+    EXPECT_NE(single.find("\n1 1024 "), std::string::npos);
+    EXPECT_NE(single.find("\n-5 1025 "), std::string::npos);
+    EXPECT_NE(
+        single.find("DPIO   dpio_read_packet: rcv sock=" + std::to_string(dpio_get_client_fd()) +
+                    " id=0xacac len=12 sip=::ffff:127.0.0.7 sport="),
+        std::string::npos);
+    EXPECT_NE(single.find("skType=1\nrcv dns(012): ac ac ac ac ac ac ac ac ac ac ac ac\n"),
+              std::string::npos);
+    EXPECT_EQ(single.substr(single.size() - 4), "\n1 2"); // too short, too long
     uint8_t buf[2048];
     dp_peer_addr peer{};
     uint16_t len = 0;
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(dpio_read_packet(dpio_get_client_fd(), &peer, buf, sizeof buf, &len), rets[i]);
-        EXPECT_EQ(len, std::min(lens[i], 1025));
-        EXPECT_EQ(peer.kind, DPIO_PEER_IPV4);
-        if (i == 0) {
-            EXPECT_EQ(
-                without_lines(err.text()),
-                "DPIO   dpio_read_packet: rcv sock=" + std::to_string(dpio_get_client_fd()) +
-                    " id=0xabab len=12 sip=::ffff:127.0.0.7 sport=" + std::to_string(peer.port) +
-                    " skType=1\nrcv dns(012): ab ab ab ab ab ab ab ab ab ab ab ab\n");
-        }
-    }
     EXPECT_EQ(dpio_read_packet(dpio_get_client_fd(), &peer, buf, sizeof buf, &len), 0); // drained
-    EXPECT_EQ(dp_stats.packet_len_too_short, 1u);
-    EXPECT_EQ(dp_stats.packet_len_too_long, 2u);
+    EXPECT_EQ(dpio_read_batch(dpio_get_client_fd(), DPIO_BATCH, sizeof buf), 0);
 }
 
 TEST_F(Sockets, ServerPortDrawnFromTheRangeAndRenewedInPlace) {
@@ -124,11 +150,13 @@ class Pcbs : public ::testing::Test {
     // Adds a forwarded query's pcb: client_id is server_id with its bits flipped.
     static void add(uint16_t id, int16_t source = DPXY_SRC_CLIENT, uint8_t responses = 0,
                     uint8_t queries = 2) {
-        const dpxy_pcb p{.pkt_len = 12,
+        static uint8_t query[12];
+        const dpxy_pcb p{.pkt = query,
+                         .pkt_len = 12,
                          .client_id = static_cast<uint16_t>(id ^ 0xFFFF),
-                         .edns_mode = DPXY_EDNS_NONE,
-                         .source = source,
                          .server_id = id,
+                         .source = static_cast<int8_t>(source),
+                         .edns_mode = DPXY_EDNS_NONE,
                          .query_count = queries,
                          .response_count = responses};
         EXPECT_EQ(add_proxy_ctrlblk(&p, 0), 0);
@@ -163,6 +191,19 @@ TEST_F(Pcbs, BoundIndexAndASameServerIdThatUpdatesTheCountsOnly) {
     EXPECT_EQ(dpxy_find_pcb(9)->query_count, 5);
     EXPECT_EQ(dpxy_find_pcb(9)->response_count, 1);
     EXPECT_EQ(dpxy_find_pcb(9)->expiry, 5005u);
+}
+
+TEST_F(Pcbs, StorageHoldsAnswersUpToTheLargestMessage) {
+    add(7);
+    dpxy_pcb* p = dpxy_find_pcb(7);
+    for (const uint16_t len : {2048, 12, 600, 2048, 100}) { // out of the pcb's own block and back
+        const std::string msg(len, static_cast<char>('a' + len % 26));
+        ASSERT_TRUE(dpxy_pcb_store(p, reinterpret_cast<const uint8_t*>(msg.data()), len));
+        EXPECT_EQ(std::string(p->pkt, p->pkt + p->pkt_len), msg);
+    }
+    const std::string too_long(2049, 'x');
+    EXPECT_FALSE(dpxy_pcb_store(p, reinterpret_cast<const uint8_t*>(too_long.data()), 2049));
+    EXPECT_EQ(p->pkt_len, 100);
 }
 
 TEST_F(Pcbs, ExpiryInCreationOrderSendsOnlyHeldClientAnswers) {

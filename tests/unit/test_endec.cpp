@@ -1,4 +1,5 @@
 // The DNS codec: names, the message index, the answer scan, and the messages the proxy builds.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -184,6 +185,15 @@ TEST_F(Endec, LocalAnswersAreByteExact) {
     dns_pkt pkt = packet(query);
     EXPECT_EQ(40, dpendec_compose_a_response(&pkt, "192.0.2.1"));
     EXPECT_EQ(Msg(answer).an(1, 0, {192, 0, 2, 1}).b, contents(pkt));
+    // The address text read as inet_pton reads it; a text it refuses gives 0.0.0.0.
+    for (const char* text : {"255.255.255.255", "0.10.0.9", "01.2.3.4", "1.2.3", "256.1.1.1",
+                             "1.2.3.4.", "1..2.3", "1.2.3.4x"}) {
+        uint8_t want[4] = {};
+        inet_pton(AF_INET, text, want);
+        pkt = packet(query);
+        EXPECT_EQ(40, dpendec_compose_a_response(&pkt, text));
+        EXPECT_EQ(Msg(answer).an(1, 0, Bytes(want, want + 4)).b, contents(pkt)) << text;
+    }
     pkt = packet(query);
     EXPECT_EQ(-3, dpendec_compose_aaaa_response(&pkt, "zz"));
     EXPECT_EQ(query.b, contents(pkt));
