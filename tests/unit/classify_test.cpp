@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config/dpcfg.h"
+#include "ctrl/dp_service.h"
 #include "ctrl/dp_trace.h"
 #include "server/dpsvr.h"
 #include "test_support.h"
@@ -111,6 +112,41 @@ TEST_F(Classify, LeaseFile) {
         EXPECT_EQ(dpsvr_load_lease_file(), want) << text.size();
         EXPECT_EQ(dpsvr_src_lease_count(), want > 0 ? 2u : 0u);
         EXPECT_EQ(dpsvr_find_src_lease(ip("192.0.2.21")) != nullptr, want > 0);
+    }
+}
+
+// The DHCP server's records as it writes them: the lease file's record size and the update's
+// action in host order, the leased address and the expiry in network order.
+TEST_F(Classify, LeaseFileAndLeaseUpdateBytes) {
+    vcis(hex("VOIPBOX") + " 192.0.2.10 192.0.2.20 VOIP\n");
+    // size bytes: the MAC at 0, the address 192.0.2.<host> at 16, the expiry at 20, the class
+    // at 60.
+    auto record = [](size_t size, char host) {
+        std::string r(size, '\0');
+        r.replace(0, 6, "\x02\x00\x5E\x00\x00\xAB", 6);
+        r.replace(16, 8, std::string{'\xC0', 0, 2, host, 0, 1, 0x51, '\x80'});
+        return r.replace(60, 7, "VOIPBOX");
+    };
+    const std::tuple<uint32_t, size_t, int> files[] = {
+        {112, 112, 2}, {300, 300, 2}, {__builtin_bswap32(128), 128, -3}};
+    for (const auto& [word, size, want] : files) {
+        root.write("/configs/udhcpd.leases2",
+                   field("[LeaseFile_v2]", 16) + h32({word}) + record(size, 15) + record(size, 16));
+        EXPECT_EQ(dpsvr_load_lease_file(), want) << size;
+    }
+    EXPECT_EQ(dpsvr_src_lease_count(), 0u);
+    // "dhcpLeaseInfoUpdate": the action, then the record, at an odd address as a bus buffer may
+    // put it.
+    for (const auto& [action, want] : {std::pair{0u, 1}, {0u, 2}, {1u, 1}, {1u, 0}}) {
+        const std::string payload = "-" + h32({action}) + record(128, 15);
+        EXPECT_EQ(dplog_process_dhcpd_lease_update(nullptr, nullptr, payload.data() + 1, 132),
+                  want);
+        if (want == 1 && action == 0) {
+            const src_lease* l = dpsvr_find_src_lease(ip("192.0.2.15"));
+            ASSERT_NE(l, nullptr);
+            EXPECT_EQ(std::string(l->vci) + hex({reinterpret_cast<const char*>(l->chaddr), 6}),
+                      "VOIPBOX02005E0000AB");
+        }
     }
 }
 

@@ -10,25 +10,20 @@
 #include <thread>
 #include <vector>
 
+#include "cache/dpcache.h"
+#include "config/dpcfg.h"
 #include "ctrl/dp_trace.h"
 #include "io/dpio.h"
+#include "main/dpxy.h"
 #include "platform/csmsg/csmsg.h"
 #include "platform/ombus/ombus.h"
 #include "test_support.h"
 
 namespace {
 
-// 32-bit words in host order, as the channel carries them.
-std::string h32(std::initializer_list<uint32_t> words) {
-    return std::string(reinterpret_cast<const char*>(std::data(words)), 4 * words.size());
-}
-// A text in a zero-padded field.
-std::string field(std::string text, size_t size) {
-    text.resize(size, '\0');
-    return text;
-}
-std::string header(uint32_t type, uint32_t src, uint32_t dst, char flags, uint32_t len) {
-    return h32({type, src, dst}) + field({flags}, 8) + h32({0, len, 0});
+std::string header(uint32_t type, uint32_t src, uint32_t dst, char flags, uint32_t len,
+                   uint32_t word5 = 0) {
+    return h32({type, src, dst}) + field({flags}, 8) + h32({word5, len, 0});
 }
 
 // One datagram, byte for byte, from the socket from to module 44.
@@ -145,6 +140,29 @@ TEST_F(ModuleMessages, QueryResponseFieldsAreCutToFitAndTheModuleReplyIsDropped)
     EXPECT_EQ(record, field(std::string(31, 't'), 32) + h32({0xFFFFFFFE, 1}) +
                           field("v6.home", 256) + h32({0xFFFFFFFF, 7}) +
                           field("2001:db8::80", 256));
+}
+
+TEST_F(ModuleMessages, StatusAndAnInternalRequestsAnswerAreInHostOrder) {
+    Peer status(150);
+    for (const int up : {1, 0}) {
+        dpio_send_service_status(up);
+        EXPECT_EQ(status.next(), header(0x100027DB, 44, 150, 3, 0, up != 0 ? 2 : 3));
+    }
+    // The request record of "HandleQueryRequest", at an odd address as a bus buffer may put it:
+    // the AAAA flag in host order, then the name. A hosts-table name is answered on the channel.
+    dpcfg_init();
+    dpcfg_apply_feature_mask(DPCFG_FEAT_LOCAL_HOSTS);
+    add_cache(&dpcache_hosts_list, "nas.home", DPCACHE_TYPE_IPV4, "192.0.2.81",
+              DPCACHE_NEVER_EXPIRES);
+    dp_debug_tbl.modules[DP_MOD_PROXY].level_mask = DP_DETAIL;
+    const std::string record = "-" + h32({1}) + field("nas.home", 256);
+    StderrCapture err;
+    EXPECT_EQ(dpxy_handle_query_request(reinterpret_cast<const uint8_t*>(record.data() + 1), 260),
+              0);
+    dpcache_purge_all();
+    EXPECT_EQ(status.next(), header(0x100027C4, 44, 150, 4, 524) + h32({0}) +
+                                 field("nas.home", 256) + h32({0, 30}) + field("192.0.2.81", 256));
+    EXPECT_NE(err.text().find("query_type=1 domainName=nas.home\n"), std::string::npos);
 }
 
 } // namespace

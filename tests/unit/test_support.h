@@ -18,6 +18,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -104,6 +106,17 @@ class TempRoot {
   private:
     std::string dir_;
 };
+
+// 32-bit words in host order, as the module messages, the lease file and the bus records carry
+// them: on a big-endian CPU these bytes differ, and so must the daemon's.
+inline std::string h32(std::initializer_list<uint32_t> words) {
+    return std::string(reinterpret_cast<const char*>(std::data(words)), 4 * words.size());
+}
+// A text in a zero-padded field.
+inline std::string field(std::string text, size_t size) {
+    text.resize(size, '\0');
+    return text;
+}
 
 // Moves the test process into a network namespace of its own with only the loopback interface,
 // up, so that tests can bind port 53 and run UDP servers on 127.0.0.0/8 without touching the
