@@ -1,4 +1,5 @@
 # The proxy end to end, as a LAN client and the upstream servers see it.
+import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
 
@@ -70,8 +71,8 @@ def test_real_authoritative_answers_over_both_families(lab):
 
 def test_client_mac_option_d2d_rewrite_and_edns_switched_off_while_a_query_waits(lab):
     up = lab.start_responder(UP1, "delay", "--delay", "0.5", "--a", "203.0.113.10")
-    start(lab, "EnableD2DFeature=on\n", {"/etc/resolv.conf": resolv(UP1),
-                                         "/etc/dns_d2d.conf": "www.lab.example portal.home\n"}, ("-f", "80"))
+    d = start(lab, "EnableD2DFeature=on\n", {"/etc/resolv.conf": resolv(UP1),
+                                             "/etc/dns_d2d.conf": "www.lab.example portal.home\n"}, ("-f", "80"))
     # The proxy's own OPT record upstream (payload 523, or 1024 after the client's), option 0xFE31
     # with the client's MAC (upper case from the ARP table, lower from the neighbour table). The
     # client gets the name it asked for, and its own OPT record back unless the D2D rewrite, which
@@ -109,6 +110,29 @@ def test_client_mac_option_d2d_rewrite_and_edns_switched_off_while_a_query_waits
     run(lab.exec_argv("gw", ["ip", "-6", "neigh", "del", LAN_V6, "dev", "br0"]))
     assert option_sent() == (None, [])
     assert option_sent() == (523, [(0xFE31, other.encode())])
+    # A neighbour message that another process sends to the daemon's notification socket, not the
+    # kernel, changes nothing: the client keeps its MAC.
+    run(lab.exec_argv("gw", [sys.executable, "-c", FORGE_NEIGH, str(d.pid), LAN_V6, "02:00:5e:66:66:66"]))
+    assert option_sent() == option_sent() == (523, [(0xFE31, other.encode())])
+
+
+# Sends an RTM_NEWNEIGH for an address on br0 to the netlink sockets of a process that listen to
+# neighbour notifications (found through /proc/net/netlink and the process's socket inodes).
+FORGE_NEIGH = r"""
+import os, socket, struct, sys
+pid, addr, mac = sys.argv[1:]
+inodes = {os.readlink(f"/proc/{pid}/fd/{fd}") for fd in os.listdir(f"/proc/{pid}/fd")}
+rows = [line.split() for line in open("/proc/net/netlink").read().splitlines()[1:]]
+ports = [int(r[2]) for r in rows if r[1] == "0" and int(r[3], 16) & 4 and f"socket:[{r[9]}]" in inodes]
+assert ports, rows
+ifindex = int(open("/sys/class/net/br0/ifindex").read())
+attr = lambda t, v: struct.pack("=HH", 4 + len(v), t) + v + bytes(-len(v) % 4)
+body = struct.pack("=BxxxiHBB", socket.AF_INET6, ifindex, 0x80, 0, 0)
+body += attr(1, socket.inet_pton(socket.AF_INET6, addr)) + attr(2, bytes.fromhex(mac.replace(":", "")))
+s = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE)
+for port in ports:
+    s.sendto(struct.pack("=IHHII", 16 + len(body), 28, 0, 0, 0) + body, (port, 0))
+"""
 
 
 # The first server answers empty; the other answers a little later, empty, or never. The empty
