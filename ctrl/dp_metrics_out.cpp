@@ -296,6 +296,16 @@ bool write_file(const char* path) {
     return false;
 }
 
+// What a set and a server both report: their state, since when, and their query counts.
+void add_state_and_counts(json_object* o, const dpm_state& st, uint64_t queries,
+                          uint64_t timeouts) {
+    rjson_add_text(o, "state", kStateNames[st.state]);
+    rjson_add_u64(o, "state_changes", st.changes);
+    rjson_add_i64(o, "state_since", st.since);
+    rjson_add_u64(o, "queries", queries);
+    rjson_add_u64(o, "timeouts", timeouts);
+}
+
 } // namespace
 
 int dp_metrics_view() {
@@ -348,23 +358,15 @@ int dp_metrics_json(char* out, uint32_t size) {
         const set_view& v = snap.sets[i];
         json_object* set = rjson_add_object(sets, nullptr);
         rjson_add_text(set, "set", v.name);
-        rjson_add_text(set, "state", kStateNames[v.r->st.state]);
-        rjson_add_u64(set, "state_changes", v.r->st.changes);
-        rjson_add_i64(set, "state_since", v.r->st.since);
+        add_state_and_counts(set, v.r->st, v.r->queries, v.r->timeouts);
         rjson_add_u64(set, "policy", v.s->policy);
         rjson_add_u64(set, "active", v.s->activeIdx);
-        rjson_add_u64(set, "queries", v.r->queries);
-        rjson_add_u64(set, "timeouts", v.r->timeouts);
         json_object* servers = rjson_add_array(set, "servers");
         for (uint32_t k = 0; k < v.r->num; ++k) {
             const dpm_server& row = v.r->servers[k];
             json_object* server = rjson_add_object(servers, nullptr);
             rjson_add_text(server, "server", v.s->servers[k].addrStr);
-            rjson_add_text(server, "state", kStateNames[row.st.state]);
-            rjson_add_u64(server, "state_changes", row.st.changes);
-            rjson_add_i64(server, "state_since", row.st.since);
-            rjson_add_u64(server, "queries", row.queries);
-            rjson_add_u64(server, "timeouts", row.timeouts);
+            add_state_and_counts(server, row.st, row.queries, row.timeouts);
             json_object* rcodes = rjson_add_object(server, "answers");
             for (int c = 0; c < DPM_RCODES; ++c)
                 rjson_add_u64(rcodes, kRcodeNames[c], row.rcodes[c]);
